@@ -1,0 +1,52 @@
+// Bounds-checked memory and string functions used throughout the library.
+//
+// Each takes the destination's full size (destMax). They return 0 on success
+// and a non-zero error number on any violation; on a violation a destination
+// that has room is left empty (first byte NUL; memcpy_s clears it whole).
+// The formatting functions return a character count or -1.
+#pragma once
+
+#include <cstdarg>
+#include <cstddef>
+
+namespace qosa::bounded {
+
+// Largest destination size accepted; anything larger is taken for a bad size.
+inline constexpr std::size_t kMaxDest = 0x7FFFFFFFu;
+
+// Error numbers of the violations.
+inline constexpr int kEInval = 22;   // null pointer or bad size
+inline constexpr int kERange = 34;   // the result does not fit
+inline constexpr int kEOverlap = 54; // source and destination overlap
+
+int memcpy_s(void* dest, std::size_t destMax, const void* src, std::size_t count);
+// Fills min(count, destMax) bytes; count > destMax is still reported.
+int memset_s(void* dest, std::size_t destMax, int c, std::size_t count);
+// Copies at most count characters of src and terminates.
+int strncpy_s(char* dest, std::size_t destMax, const char* src, std::size_t count);
+int strcat_s(char* dest, std::size_t destMax, const char* src);
+int strncat_s(char* dest, std::size_t destMax, const char* src, std::size_t count);
+
+// Characters written, or -1 when the text does not fit (dest emptied).
+int sprintf_s(char* dest, std::size_t destMax, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+int vsprintf_s(char* dest, std::size_t destMax, const char* fmt, std::va_list args)
+    __attribute__((format(printf, 3, 0)));
+// Writes at most count characters (count < destMax). Characters written, or
+// -1 when the text was cut (what fits stays, terminated) or on a violation.
+int snprintf_s(char* dest, std::size_t destMax, std::size_t count, const char* fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+int vsnprintf_s(char* dest, std::size_t destMax, std::size_t count, const char* fmt, std::va_list args)
+    __attribute__((format(printf, 4, 0)));
+
+// sscanf with a buffer size (std::size_t) after the pointer of every %s, %c
+// and %[ conversion. A %s or %[ takes at most size - 1 characters (a longer
+// field is cut there and the scan goes on after the cut); a %c wider than its
+// buffer, a null buffer or a size of 0 ends the scan with -1. Otherwise the
+// result is sscanf's: the count of assigned items, or -1 on an input failure
+// before the first conversion.
+int sscanf_s(const char* buffer, const char* fmt, ...);
+
+// Three-argument tokeniser: the position is kept in *context.
+char* strtok_s(char* str, const char* delim, char** context);
+
+} // namespace qosa::bounded

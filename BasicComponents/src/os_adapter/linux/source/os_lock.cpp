@@ -1,0 +1,93 @@
+// The library's mutex and the pass-through read-write locks.
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+
+#include "internal/common.h"
+#include "qosa_lock.h"
+
+static_assert(offsetof(QosaMutex, mutex) == 0, "the platform mutex comes first");
+static_assert(offsetof(QosaMutex, ulMagic1) == sizeof(pthread_mutex_t), "marker words follow the platform mutex");
+static_assert(offsetof(QosaMutex, ulMagic2) == offsetof(QosaMutex, ulMagic1) + 4);
+static_assert(offsetof(QosaMutex, ulMagic1) % 8 == 0, "the marker pair is written as one 64-bit store");
+static_assert(sizeof(QosaMutex) == sizeof(pthread_mutex_t) + 8);
+
+namespace {
+
+// The two marker words as one 64-bit value, in memory order.
+constexpr std::uint64_t pair(std::uint32_t first, std::uint32_t second) {
+    return (std::uint64_t{second} << 32) | first; // little-endian host
+}
+constexpr std::uint64_t kStatic = pair(QOSA_MUTEX_MAGIC1, QOSA_MUTEX_MAGIC2);
+constexpr std::uint64_t kLive = ~std::uint64_t{0};
+
+std::uint64_t* markers(QosaMutex* m) { return reinterpret_cast<std::uint64_t*>(&m->ulMagic1); }
+
+// First-lock initialisation of statically initialised mutexes: the marker
+// test and the init run under one of a few striped locks, so racing first
+// lockers initialise a mutex exactly once. Mutexes already live take the
+// lock-free fast path (one acquire load).
+pthread_mutex_t s_initStripes[16] = {
+    PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
+    PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
+    PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
+    PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
+};
+
+int bring_to_life(QosaMutex* m) {
+    if (__atomic_load_n(markers(m), __ATOMIC_ACQUIRE) != kStatic) return 0;
+    auto stripe = (reinterpret_cast<std::uintptr_t>(m) >> 6) % std::size(s_initStripes);
+    pthread_mutex_lock(&s_initStripes[stripe]);
+    int ret = 0;
+    if (__atomic_load_n(markers(m), __ATOMIC_RELAXED) == kStatic) {
+        if (pthread_mutex_init(&m->mutex, nullptr) != 0)
+            ret = -1; // markers stay, the next lock tries again
+        else
+            __atomic_store_n(markers(m), kLive, __ATOMIC_RELEASE);
+    }
+    pthread_mutex_unlock(&s_initStripes[stripe]);
+    return ret;
+}
+
+} // namespace
+
+extern "C" {
+
+int QOSA_MutexInit(QosaMutex* m, const pthread_mutexattr_t* attr) {
+    return guarded(-1, [=] { return pthread_mutex_init(&m->mutex, attr); }, m);
+}
+
+int QOSA_MutexInitRecursive(QosaMutex* m) {
+    pthread_mutexattr_t attr;
+    if (pthread_mutexattr_init(&attr) != 0) return -1;
+    if (pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE) != 0) return -1;
+    return guarded(-1, [&] { return pthread_mutex_init(&m->mutex, &attr); }, m);
+}
+
+int QOSA_MutexDestroy(QosaMutex* m) {
+    return guarded(-1, [=] { return pthread_mutex_destroy(&m->mutex) == 0 ? 0 : -1; }, m);
+}
+
+int QOSA_MutexLock(QosaMutex* m) {
+    return guarded(-1, [=] { return bring_to_life(m) != 0 ? -1 : pthread_mutex_lock(&m->mutex); }, m);
+}
+
+int QOSA_MutexTryLock(QosaMutex* m) {
+    return guarded(-1, [=] { return bring_to_life(m) != 0 ? -1 : pthread_mutex_trylock(&m->mutex); }, m);
+}
+
+int QOSA_MutexUnLock(QosaMutex* m) {
+    return guarded(-1, [=] { return pthread_mutex_unlock(&m->mutex); }, m);
+}
+
+int ORV_Pthread_RWLock_Init(pthread_rwlock_t* rwlock, const pthread_rwlockattr_t* attr) {
+    return pthread_rwlock_init(rwlock, attr);
+}
+int ORV_Pthread_RWLock_Destroy(pthread_rwlock_t* rwlock) { return pthread_rwlock_destroy(rwlock); }
+int ORV_Pthread_RWLock_RDLock(pthread_rwlock_t* rwlock) { return pthread_rwlock_rdlock(rwlock); }
+int ORV_Pthread_RWLock_TryRDLock(pthread_rwlock_t* rwlock) { return pthread_rwlock_tryrdlock(rwlock); }
+int ORV_Pthread_RWLock_WRLock(pthread_rwlock_t* rwlock) { return pthread_rwlock_wrlock(rwlock); }
+int ORV_Pthread_RWLock_TryWRLock(pthread_rwlock_t* rwlock) { return pthread_rwlock_trywrlock(rwlock); }
+int ORV_Pthread_RWLock_UnLock(pthread_rwlock_t* rwlock) { return pthread_rwlock_unlock(rwlock); }
+
+} // extern "C"

@@ -1,0 +1,53 @@
+# libqosa: the commands. `make demo` and `make check` do all the set-up.
+JOBS    ?= $(shell nproc)
+PREFIX  ?= /usr/local
+CTEST   := ctest --output-on-failure -j $(JOBS) --timeout 300
+GEN     := -G Ninja
+# TSan needs the classic address-space layout; run its tests without ASLR.
+NOASLR  := setarch $(shell uname -m) -R
+
+.PHONY: all deps demo check check-asan check-tsan bench install lint fuzz clean
+
+all: check
+
+deps:
+	@./tools/install-deps.sh
+
+build/build.ninja: | deps
+	cmake -S . -B build $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+
+demo: build/build.ninja
+	cmake --build build --target qosa-demo -j $(JOBS)
+	./build/examples/qosa-demo
+
+check: build/build.ninja
+	cmake --build build -j $(JOBS)
+	cd build && $(CTEST)
+
+check-asan: | deps
+	cmake -S . -B build-asan $(GEN) -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+	      -DQOSA_SANITIZE=address -DQOSA_BUILD_EXAMPLES=OFF
+	cmake --build build-asan -j $(JOBS)
+	cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 $(CTEST)
+
+check-tsan: | deps
+	cmake -S . -B build-tsan $(GEN) -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+	      -DQOSA_SANITIZE=thread -DQOSA_BUILD_EXAMPLES=OFF
+	cmake --build build-tsan -j $(JOBS)
+	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 $(NOASLR) $(CTEST)
+
+bench: | deps
+	cmake -S . -B build-bench $(GEN) -DCMAKE_BUILD_TYPE=Release -DQOSA_BUILD_BENCH=ON -DQOSA_BUILD_TESTS=OFF
+	cmake --build build-bench --target qosa-bench -j $(JOBS)
+	./build-bench/bench/qosa-bench $(BENCH_ARGS)
+
+install: build/build.ninja
+	cmake --build build -j $(JOBS)
+	cmake --install build --prefix $(PREFIX)
+
+lint: build/build.ninja
+	git ls-files '*.cpp' '*.h' '*.c' | xargs clang-format --dry-run -Werror
+	git ls-files 'BasicComponents/*.cpp' | xargs clang-tidy -p build --quiet
+
+clean:
+	rm -rf build build-asan build-tsan build-bench

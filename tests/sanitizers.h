@@ -1,0 +1,32 @@
+// Which sanitizer the test build runs under, for the few checks that a
+// sanitizer itself reports as an error (destroying a locked mutex, a
+// deliberate fault).
+#pragma once
+
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define QOSA_UNDER_TSAN 1
+#endif
+#if __has_feature(address_sanitizer)
+#define QOSA_UNDER_ASAN 1
+#endif
+#endif
+#if defined(__SANITIZE_THREAD__)
+#define QOSA_UNDER_TSAN 1
+#endif
+#if defined(__SANITIZE_ADDRESS__)
+#define QOSA_UNDER_ASAN 1
+#endif
+
+namespace qosa_test {
+#ifdef QOSA_UNDER_TSAN
+inline constexpr bool kUnderTsan = true;
+#else
+inline constexpr bool kUnderTsan = false;
+#endif
+#ifdef QOSA_UNDER_ASAN
+inline constexpr bool kUnderAsan = true;
+#else
+inline constexpr bool kUnderAsan = false;
+#endif
+} // namespace qosa_test

@@ -1,0 +1,114 @@
+// The bounds-checked layer: results and what a violation leaves behind.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "internal/bounded.h"
+
+using namespace qosa::bounded;
+
+TEST(Bounded, MemcpyCopiesAndRefusesBadArguments) {
+    char d[8] = "xxxxxxx";
+    EXPECT_EQ(memcpy_s(d, sizeof d, "abc", 4), 0);
+    EXPECT_STREQ(d, "abc");
+    EXPECT_NE(memcpy_s(nullptr, 8, "a", 1), 0);
+    EXPECT_NE(memcpy_s(d, 0, "a", 1), 0);
+    std::memset(d, 'x', sizeof d);
+    EXPECT_NE(memcpy_s(d, sizeof d, nullptr, 1), 0);
+    EXPECT_EQ(std::count(d, d + sizeof d, 0), 8) << "a refused copy clears the destination";
+    std::memset(d, 'x', sizeof d);
+    EXPECT_NE(memcpy_s(d, sizeof d, "0123456789", 9), 0);
+    EXPECT_EQ(d[0], 0);
+    EXPECT_NE(memcpy_s(d, kMaxDest + 1, "a", 1), 0);
+    std::memcpy(d, "abcdefg", 8);
+    EXPECT_EQ(memcpy_s(d + 1, 7, d, 4), kEOverlap);
+    EXPECT_EQ(memcpy_s(d, sizeof d, "q", 0), 0);
+}
+
+TEST(Bounded, MemsetFillsAtMostTheDestination) {
+    char d[6] = {};
+    EXPECT_EQ(memset_s(d, 4, 'a', 4), 0);
+    EXPECT_EQ(std::string(d, 5), std::string("aaaa\0", 5));
+    std::memset(d, 0, sizeof d);
+    EXPECT_NE(memset_s(d, 3, 'b', 5), 0);
+    EXPECT_EQ(std::string(d, 4), std::string("bbb\0", 4));
+    EXPECT_NE(memset_s(nullptr, 3, 0, 3), 0);
+    EXPECT_NE(memset_s(d, 0, 0, 0), 0);
+}
+
+TEST(Bounded, StrncpyNeedsRoomForTheTerminator) {
+    char d[5] = "zzzz";
+    EXPECT_EQ(strncpy_s(d, sizeof d, "abcd", 4), 0);
+    EXPECT_STREQ(d, "abcd");
+    EXPECT_EQ(strncpy_s(d, sizeof d, "abcdefgh", 2), 0);
+    EXPECT_STREQ(d, "ab");
+    EXPECT_EQ(strncpy_s(d, sizeof d, "xy", 10), 0) << "a short source ends the copy";
+    EXPECT_STREQ(d, "xy");
+    EXPECT_NE(strncpy_s(d, sizeof d, "abcde", 5), 0);
+    EXPECT_STREQ(d, "");
+    std::strcpy(d, "q");
+    EXPECT_NE(strncpy_s(d, sizeof d, nullptr, 1), 0);
+    EXPECT_STREQ(d, "");
+}
+
+TEST(Bounded, ConcatenationChecksTheRoomLeft) {
+    char d[8] = "ab";
+    EXPECT_EQ(strcat_s(d, sizeof d, "cd"), 0);
+    EXPECT_STREQ(d, "abcd");
+    EXPECT_EQ(strncat_s(d, sizeof d, "efghij", 2), 0);
+    EXPECT_STREQ(d, "abcdef");
+    EXPECT_EQ(strcat_s(d, sizeof d, "g"), 0);
+    EXPECT_STREQ(d, "abcdefg");
+    EXPECT_NE(strcat_s(d, sizeof d, "h"), 0);
+    EXPECT_STREQ(d, "");
+    char unterminated[4] = {'a', 'b', 'c', 'd'};
+    EXPECT_NE(strcat_s(unterminated, sizeof unterminated, "x"), 0);
+    EXPECT_EQ(unterminated[0], 0);
+}
+
+TEST(Bounded, SprintfRefusesTextThatDoesNotFit) {
+    char d[6];
+    EXPECT_EQ(sprintf_s(d, sizeof d, "%d", 12345), 5);
+    EXPECT_STREQ(d, "12345");
+    EXPECT_EQ(sprintf_s(d, sizeof d, "%d", 123456), -1);
+    EXPECT_STREQ(d, "");
+    EXPECT_EQ(sprintf_s(nullptr, 6, "x"), -1);
+}
+
+TEST(Bounded, SnprintfKeepsWhatFitsAndReportsTheCut) {
+    char d[8];
+    EXPECT_EQ(snprintf_s(d, sizeof d, 7, "%s", "abc"), 3);
+    EXPECT_EQ(snprintf_s(d, sizeof d, 3, "%s", "abcdef"), -1);
+    EXPECT_STREQ(d, "abc");
+    EXPECT_EQ(snprintf_s(d, sizeof d, 7, "%s", "abcdefg"), 7);
+    EXPECT_EQ(snprintf_s(d, sizeof d, 8, "%s", "a"), -1) << "count must leave room for the NUL";
+    EXPECT_STREQ(d, "");
+}
+
+TEST(Bounded, SscanfBoundsStringsAndReportsInputFailure) {
+    unsigned a = 0, b = 0;
+    char word[4], set[65];
+    char c = 0;
+    EXPECT_EQ(sscanf_s("cpu 1 2", "cpu %u %u", &a, &b), 2);
+    EXPECT_EQ(a + b, 3u);
+    EXPECT_EQ(sscanf_s("", "%u", &a), -1);
+    EXPECT_EQ(sscanf_s("toolong x", "%s %c", word, sizeof word, &c, std::size_t{1}), 2);
+    EXPECT_STREQ(word, "too") << "a long field is cut to its buffer";
+    EXPECT_EQ(sscanf_s("12: 0100007F:1F90 rest", "%u: %64[0-9A-Fa-f]:%x", &a, set, sizeof set, &b), 3);
+    EXPECT_STREQ(set, "0100007F");
+    EXPECT_EQ(b, 0x1F90u);
+    EXPECT_EQ(sscanf_s("ab", "%2c", &c, std::size_t{1}), -1) << "a %c wider than its buffer";
+    EXPECT_EQ(sscanf_s("5 x", "%*d %c", &c, std::size_t{1}), 1);
+    EXPECT_EQ(c, 'x');
+    EXPECT_EQ(sscanf_s(nullptr, "%u", &a), -1);
+}
+
+TEST(Bounded, StrtokKeepsItsPlaceInTheContext) {
+    char text[] = "//a\\b//c";
+    char* ctx = nullptr;
+    std::string seen;
+    for (char* t = strtok_s(text, "/\\", &ctx); t; t = strtok_s(nullptr, "/\\", &ctx)) seen += std::string(t) + ",";
+    EXPECT_EQ(seen, "a,b,c,");
+    EXPECT_EQ(strtok_s(nullptr, "/", &ctx), nullptr);
+    EXPECT_EQ(strtok_s(text, "/", nullptr), nullptr);
+}
