@@ -34,7 +34,8 @@ static void run() {
     char num[16];
     for (u32 radix : {8u, 10u, 16u}) {
         s64 n = QOSA_Ultostr(num, sizeof num, 0xFFFFFFFFu, radix);
-        std::printf("QOSA_Ultostr(0xFFFFFFFF, radix %2u) -> %-11s (%lld chars)\n", radix, num, static_cast<long long>(n));
+        std::printf("QOSA_Ultostr(0xFFFFFFFF, radix %2u) -> %-11s (%lld chars)\n", radix, num,
+                    static_cast<long long>(n));
     }
     char big[11], small[11];
     std::printf("QOSA_IntToStr(2147483647) -> \"%s\", QOSA_IntToStr(-2147483648) -> \"%s\" (does not fit)\n",

@@ -18,7 +18,8 @@ typedef struct QosaMutex {
 
 #define QOSA_MUTEX_MAGIC1 0xABBABEEFu
 #define QOSA_MUTEX_MAGIC2 0xCDDCCDCFu
-#define QOSA_MUTEX_INITIALIZER { PTHREAD_MUTEX_INITIALIZER, QOSA_MUTEX_MAGIC1, QOSA_MUTEX_MAGIC2 }
+#define QOSA_MUTEX_INITIALIZER                                                                                         \
+    { PTHREAD_MUTEX_INITIALIZER, QOSA_MUTEX_MAGIC1, QOSA_MUTEX_MAGIC2 }
 
 QOSA_API int QOSA_MutexInit(QosaMutex* m, const pthread_mutexattr_t* attr);
 QOSA_API int QOSA_MutexInitRecursive(QosaMutex* m);

@@ -9,12 +9,12 @@
 
 static QosaMutex s_mutex = QOSA_MUTEX_INITIALIZER;
 
-#define EXPECT(cond)                                                   \
-    do {                                                               \
-        if (!(cond)) {                                                 \
-            fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #cond); \
-            return 1;                                                  \
-        }                                                              \
+#define EXPECT(cond)                                                                                                   \
+    do {                                                                                                               \
+        if (!(cond)) {                                                                                                 \
+            fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #cond);                                         \
+            return 1;                                                                                                  \
+        }                                                                                                              \
     } while (0)
 
 int main(void) {

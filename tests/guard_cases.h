@@ -18,7 +18,8 @@ std::vector<GuardCase>& guard_registry();
 
 struct GuardRows {
     GuardRows(std::initializer_list<GuardCase> rows) {
-        for (const GuardCase& r : rows) guard_registry().push_back(r);
+        for (const GuardCase& r : rows)
+            guard_registry().push_back(r);
     }
 };
 

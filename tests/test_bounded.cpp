@@ -107,7 +107,8 @@ TEST(Bounded, StrtokKeepsItsPlaceInTheContext) {
     char text[] = "//a\\b//c";
     char* ctx = nullptr;
     std::string seen;
-    for (char* t = strtok_s(text, "/\\", &ctx); t; t = strtok_s(nullptr, "/\\", &ctx)) seen += std::string(t) + ",";
+    for (char* t = strtok_s(text, "/\\", &ctx); t; t = strtok_s(nullptr, "/\\", &ctx))
+        seen += std::string(t) + ",";
     EXPECT_EQ(seen, "a,b,c,");
     EXPECT_EQ(strtok_s(nullptr, "/", &ctx), nullptr);
     EXPECT_EQ(strtok_s(text, "/", nullptr), nullptr);

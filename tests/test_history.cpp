@@ -22,13 +22,13 @@ QOSA_OPERATE_REC_S rec(s32 op, s32 time, u32 p1, const char* name = "worker") {
     return r;
 }
 
-const std::string kTitle =
-    "Vaneth Operate History: \n            Time     Operate     Param1     Param2   Tid TName\n";
+const std::string kTitle = "Vaneth Operate History: \n            Time     Operate     Param1     Param2   Tid TName\n";
 
 std::vector<std::string> rows(const std::string& dump) {
     std::vector<std::string> out;
     std::istringstream in(dump.substr(kTitle.size()));
-    for (std::string line; std::getline(in, line);) out.push_back(line);
+    for (std::string line; std::getline(in, line);)
+        out.push_back(line);
     return out;
 }
 
@@ -54,7 +54,8 @@ TEST_F(History, RowsShowTimeNameAndParameters) {
     auto b = rec(2, 9006199, 0xABCDEF01);
     auto c = rec(7, 4567891, 3);
     auto d = rec(-1, 1, 4);
-    for (auto* r : {&a, &b, &c, &d}) EXPECT_EQ(QOSA_AddOperateRec(r), 0);
+    for (auto* r : {&a, &b, &c, &d})
+        EXPECT_EQ(QOSA_AddOperateRec(r), 0);
     auto r = rows(dump());
     ASSERT_EQ(r.size(), 4u);
     EXPECT_EQ(r[0], "  0000:00:00(010)  undefined 0x00000004 0x0000beef    42 worker");
@@ -123,7 +124,8 @@ TEST_F(History, ConcurrentAddsNeverShareASlot) {
                 QOSA_AddOperateRec(&r);
             }
         });
-    for (auto& th : threads) th.join();
+    for (auto& th : threads)
+        th.join();
     std::vector<int> seen(4000, 0);
     for (const auto& r : s_stOperateHistory.astRec)
         if (r.operate) ++seen[r.param1];

@@ -52,7 +52,8 @@ TEST(Mutex, RacingFirstLockersInitialiseOnce) {
                 }
             });
         go = 1;
-        for (auto& th : threads) th.join();
+        for (auto& th : threads)
+            th.join();
         ASSERT_EQ(maxInside.load(), 1);
         ASSERT_EQ(counter, 200);
     }

@@ -11,11 +11,11 @@
 
 namespace {
 
-template <int (*Convert)(int)>
-char* convert_case(char* s) {
+template <int (*Convert)(int)> char* convert_case(char* s) {
     u32 len = QOSA_StrLen(s);
     if (len == 0) return s;
-    for (u32 i = 0; i < len; ++i) s[i] = static_cast<char>(Convert(static_cast<signed char>(s[i])));
+    for (u32 i = 0; i < len; ++i)
+        s[i] = static_cast<char>(Convert(static_cast<signed char>(s[i])));
     s[len] = '\0';
     return s;
 }

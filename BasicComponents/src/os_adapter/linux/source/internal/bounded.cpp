@@ -189,7 +189,8 @@ int sscanf_s(const char* buffer, const char* fmt, ...) {
             if (width > kMaxDest) ok = false;
         }
         const char* lenmod = p;
-        while (*p && std::strchr("hlLqjzt", *p)) ++p;
+        while (*p && std::strchr("hlLqjzt", *p))
+            ++p;
         std::size_t lenmod_len = static_cast<std::size_t>(p - lenmod);
         char conv = *p;
         if (conv == '\0') {
@@ -201,7 +202,8 @@ int sscanf_s(const char* buffer, const char* fmt, ...) {
             ++p;
             if (*p == '^') ++p;
             if (*p == ']') ++p;
-            while (*p && *p != ']') ++p;
+            while (*p && *p != ']')
+                ++p;
             if (*p != ']') {
                 ok = false;
                 break;
