@@ -31,7 +31,9 @@ std::size_t bounded_len(const char* s, std::size_t limit) {
 
 } // namespace
 
-int memcpy_s(void* dest, std::size_t destMax, const void* src, std::size_t count) {
+// The slow paths: work out which rule the call broke and leave the
+// destination as a violation leaves it.
+int memcpy_s_fail(void* dest, std::size_t destMax, const void* src, std::size_t count) {
     if (bad_dest(dest, destMax)) return kEInval;
     if (src == nullptr || count > destMax) {
         std::memset(dest, 0, destMax);
@@ -46,7 +48,7 @@ int memcpy_s(void* dest, std::size_t destMax, const void* src, std::size_t count
     return 0;
 }
 
-int memset_s(void* dest, std::size_t destMax, int c, std::size_t count) {
+int memset_s_fail(void* dest, std::size_t destMax, int c, std::size_t count) {
     if (bad_dest(dest, destMax)) return kEInval;
     if (count > destMax) {
         std::memset(dest, c, destMax);

@@ -8,6 +8,8 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 
 namespace qosa::bounded {
 
@@ -19,9 +21,31 @@ inline constexpr int kEInval = 22;   // null pointer or bad size
 inline constexpr int kERange = 34;   // the result does not fit
 inline constexpr int kEOverlap = 54; // source and destination overlap
 
-int memcpy_s(void* dest, std::size_t destMax, const void* src, std::size_t count);
+// The checks of the two hot memory functions are inline, so a good call costs
+// a few compares more than the plain memcpy / memset; violations are handled
+// out of line.
+int memcpy_s_fail(void* dest, std::size_t destMax, const void* src, std::size_t count);
+int memset_s_fail(void* dest, std::size_t destMax, int c, std::size_t count);
+
+inline int memcpy_s(void* dest, std::size_t destMax, const void* src, std::size_t count) {
+    auto d = reinterpret_cast<std::uintptr_t>(dest);
+    auto s = reinterpret_cast<std::uintptr_t>(src);
+    if (dest != nullptr && src != nullptr && destMax <= kMaxDest && count <= destMax && count != 0 &&
+        (d + count <= s || s + count <= d)) [[likely]] {
+        std::memcpy(dest, src, count);
+        return 0;
+    }
+    return memcpy_s_fail(dest, destMax, src, count);
+}
+
 // Fills min(count, destMax) bytes; count > destMax is still reported.
-int memset_s(void* dest, std::size_t destMax, int c, std::size_t count);
+inline int memset_s(void* dest, std::size_t destMax, int c, std::size_t count) {
+    if (dest != nullptr && destMax != 0 && destMax <= kMaxDest && count <= destMax) [[likely]] {
+        std::memset(dest, c, count);
+        return 0;
+    }
+    return memset_s_fail(dest, destMax, c, count);
+}
 // Copies at most count characters of src and terminates.
 int strncpy_s(char* dest, std::size_t destMax, const char* src, std::size_t count);
 int strcat_s(char* dest, std::size_t destMax, const char* src);
