@@ -5,14 +5,14 @@
 
 void RatioReporter::ReportRuns(const std::vector<Run>& runs) {
     for (const Run& r : runs) {
-        if (r.run_type != Run::RT_Iteration || r.iterations == 0) continue;
-        std::string name = r.benchmark_name();
-        double t = r.GetAdjustedRealTime();
+        bool median = r.run_type == Run::RT_Aggregate && r.aggregate_name == "median";
+        if (!median && (r.run_type != Run::RT_Iteration || r.iterations == 0)) continue;
+        std::string name = r.run_name.str();
         for (const char* tag : {".qosa", ".peer"}) {
             auto pos = name.find(tag);
             if (pos == std::string::npos) continue;
-            std::string key = name.substr(0, pos) + name.substr(pos + 5);
-            (tag[1] == 'q' ? pairs_[key].qosa : pairs_[key].peer) = t;
+            Pair& p = (median ? median_ : single_)[name.substr(0, pos) + name.substr(pos + 5)];
+            (tag[1] == 'q' ? p.qosa : p.peer) = r.GetAdjustedRealTime();
         }
     }
     ConsoleReporter::ReportRuns(runs);
@@ -20,7 +20,9 @@ void RatioReporter::ReportRuns(const std::vector<Run>& runs) {
 
 void RatioReporter::PrintRatios() const {
     std::printf("\n%-44s %12s %12s %8s\n", "case (time per iteration)", "libqosa", "peer", "ratio");
-    for (const auto& [key, p] : pairs_) {
+    for (const auto& [key, single] : single_) {
+        auto m = median_.find(key);
+        const Pair& p = m != median_.end() && m->second.qosa > 0 && m->second.peer > 0 ? m->second : single;
         if (p.qosa <= 0 || p.peer <= 0) continue;
         std::printf("%-44s %12.1f %12.1f %7.2fx\n", key.c_str(), p.qosa, p.peer, p.qosa / p.peer);
     }

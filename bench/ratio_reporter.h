@@ -1,12 +1,14 @@
 // Benchmarks come in pairs named "<case>.qosa" and "<case>.peer" (the plain
 // platform call doing the same job). After the run the reporter prints the
 // time of each library case as a ratio of its peer measured in the same run.
+// With --benchmark_repetitions the medians are compared.
 #pragma once
 
 #include <benchmark/benchmark.h>
 
 #include <map>
 #include <string>
+#include <vector>
 
 class RatioReporter : public benchmark::ConsoleReporter {
   public:
@@ -17,5 +19,5 @@ class RatioReporter : public benchmark::ConsoleReporter {
     struct Pair {
         double qosa = 0, peer = 0;
     };
-    std::map<std::string, Pair> pairs_;
+    std::map<std::string, Pair> single_, median_;
 };

@@ -69,14 +69,22 @@ char* QOSA_FloatToStr(char* buffer, float value) {
 
 s64 QOSA_Ultostr(char* buffer, u64 size, u32 value, u32 radix) {
     if (size == 0) return -1;
-    char format[3] = {'%', radix == 8 ? 'o' : radix == 16 ? 'x' : 'u', '\0'};
+    // Octal for 8, lower-case hexadecimal for 16, decimal for any other radix;
+    // at most 12 bytes of the buffer are touched (11 octal digits and the NUL).
+    const u32 base = radix == 8 || radix == 16 ? radix : 10;
+    char digits[12];
+    std::size_t len = 0;
+    do {
+        digits[len++] = "0123456789abcdef"[value % base];
+        value /= base;
+    } while (value != 0);
     std::size_t n = size < 12 ? static_cast<std::size_t>(size) : 12;
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    int written = snprintf_s(buffer, n, n - 1, format, value);
-#pragma GCC diagnostic pop
-    if (written < 0 || static_cast<std::size_t>(written) > n) return -1;
-    return written;
+    if (buffer == nullptr) return -1;
+    // Like a bounded print of n - 1 characters: a longer text is cut and refused.
+    std::size_t keep = len < n - 1 ? len : n - 1;
+    for (std::size_t i = 0; i < keep; ++i) buffer[i] = digits[len - 1 - i];
+    buffer[keep] = '\0';
+    return keep == len ? static_cast<s64>(len) : -1;
 }
 
 } // extern "C"
