@@ -1,6 +1,7 @@
 # libqosa: the commands. `make demo` and `make check` do all the set-up.
 JOBS    ?= $(shell nproc)
 PREFIX  ?= /usr/local
+FUZZ_SECONDS ?= 60
 CTEST   := ctest --output-on-failure -j $(JOBS) --timeout 300
 GEN     := -G Ninja
 # TSan needs the classic address-space layout; run its tests without ASLR.
@@ -41,6 +42,14 @@ bench: | deps
 	cmake --build build-bench --target qosa-bench -j $(JOBS)
 	./build-bench/bench/qosa-bench $(BENCH_ARGS)
 
+# libFuzzer (clang) on the UTF-8 decoders and checks, under ASan+UBSan.
+fuzz: | deps
+	cmake -S . -B build-fuzz $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+	      -DQOSA_BUILD_FUZZ=ON -DQOSA_BUILD_TESTS=OFF -DQOSA_BUILD_EXAMPLES=OFF
+	cmake --build build-fuzz --target fuzz_utf8 -j $(JOBS)
+	mkdir -p build-fuzz/corpus/utf8
+	./build-fuzz/fuzz/fuzz_utf8 -max_total_time=$(FUZZ_SECONDS) -max_len=4096 build-fuzz/corpus/utf8
+
 install: build/build.ninja
 	cmake --build build -j $(JOBS)
 	cmake --install build --prefix $(PREFIX)
@@ -50,4 +59,4 @@ lint: build/build.ninja
 	git ls-files 'BasicComponents/*.cpp' | xargs clang-tidy -p build --quiet
 
 clean:
-	rm -rf build build-asan build-tsan build-bench
+	rm -rf build build-asan build-tsan build-bench build-fuzz
