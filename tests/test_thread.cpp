@@ -111,7 +111,9 @@ TEST(Thread, HandlesAndJoin) {
     pthread_t t{};
     int token = 0;
     void* ret = nullptr;
-    ASSERT_EQ(QOSA_PthreadCreateID(&t, 1234, nullptr, [](void* a) { return a; }, &token), 0);
+    ASSERT_EQ(QOSA_PthreadCreateID(
+                  &t, 1234, nullptr, [](void* a) { return a; }, &token),
+              0);
     ASSERT_EQ(QOSA_PthreadJoin(t, &ret), 0);
     EXPECT_EQ(ret, &token);
 

@@ -92,60 +92,81 @@ int fgets_size(u32 size) { return size > static_cast<u32>(INT_MAX) ? INT_MAX : s
 
 } // namespace
 
-// The wrappers are kept one per line: the formatter would split every call
-// that has a lambda before its last argument.
-// clang-format off
 extern "C" {
 
 // ---- directories and the working directory ----
 
-DIR* QOSA_OpenDir(const char* path) { return guarded<DIR*>(nullptr, [=] { return opendir(path); }, path); }
-int QOSA_CloseDir(DIR* dir) { return guarded(-1, [=] { return closedir(dir); }, dir); }
-struct dirent* QOSA_ReadDir(DIR* dir) { return guarded<struct dirent*>(nullptr, [=] { return readdir(dir); }, dir); }
-int QOSA_ReadDir_S(DIR* dir, struct dirent* entry, struct dirent** result) {
-    return guarded(-1, [=] { return read_dir_into(dir, entry, result); }, dir, entry, result);
+DIR* QOSA_OpenDir(const char* path) {
+    return guarded<DIR*>(nullptr, need(path), [=] { return opendir(path); });
 }
-int QOSA_DirFd(DIR* dir) { return guarded(-1, [=] { return dirfd(dir); }, dir); }
-void QOSA_RewindDir(DIR* dir) { guarded(nothing, [=] { rewinddir(dir); }, dir); }
-void QOSA_SeekDir(DIR* dir, s32 pos) { guarded(nothing, [=] { seekdir(dir, long{pos}); }, dir); }
-s32 QOSA_TellDir(DIR* dir) { return guarded<s32>(-1, [=] { return telldir(dir); }, dir); }
+int QOSA_CloseDir(DIR* dir) {
+    return guarded(-1, need(dir), [=] { return closedir(dir); });
+}
+struct dirent* QOSA_ReadDir(DIR* dir) {
+    return guarded<struct dirent*>(nullptr, need(dir), [=] { return readdir(dir); });
+}
+int QOSA_ReadDir_S(DIR* dir, struct dirent* entry, struct dirent** result) {
+    return guarded(-1, need(dir, entry, result), [=] { return read_dir_into(dir, entry, result); });
+}
+int QOSA_DirFd(DIR* dir) {
+    return guarded(-1, need(dir), [=] { return dirfd(dir); });
+}
+void QOSA_RewindDir(DIR* dir) {
+    guarded(nothing, need(dir), [=] { rewinddir(dir); });
+}
+void QOSA_SeekDir(DIR* dir, s32 pos) {
+    guarded(nothing, need(dir), [=] { seekdir(dir, long{pos}); });
+}
+s32 QOSA_TellDir(DIR* dir) {
+    return guarded<s32>(-1, need(dir), [=] { return telldir(dir); });
+}
 
 int QOSA_ScanDir(const char* path, struct dirent*** list, QOSA_DirFilter filter, QOSA_DirCompare compare) {
-    return guarded(-1, [=] { return scandir(path, list, filter, compare); }, path, list);
+    return guarded(-1, need(path, list), [=] { return scandir(path, list, filter, compare); });
 }
 int QOSA_Alphasort(const struct dirent** a, const struct dirent** b) { return compare_entries<alphasort>(a, b); }
 int QOSA_Versionsort(const struct dirent** a, const struct dirent** b) { return compare_entries<versionsort>(a, b); }
 
 char* QOSA_GetCwd(char* buf, s32 size) {
     // A negative size becomes 0, which the platform refuses with EINVAL.
-    return guarded<char*>(nullptr, [=] { return getcwd(buf, size > 0 ? static_cast<size_t>(size) : 0); }, buf);
+    return guarded<char*>(nullptr, need(buf), [=] { return getcwd(buf, size > 0 ? static_cast<size_t>(size) : 0); });
 }
-int QOSA_ChDir(const char* path) { return guarded(-1, [=] { return chdir(path); }, as_path(path)); }
-int QOSA_RmDir(const char* path) { return guarded(-1, [=] { return rmdir(path); }, as_path(path)); }
+int QOSA_ChDir(const char* path) {
+    return guarded(-1, need(as_path(path)), [=] { return chdir(path); });
+}
+int QOSA_RmDir(const char* path) {
+    return guarded(-1, need(as_path(path)), [=] { return rmdir(path); });
+}
 int QOSA_MkDir(const char* path, u32 mode) {
-    return guarded(-1, [=] { return mkdir(path, mode16(mode)); }, as_path(path));
+    return guarded(-1, need(as_path(path)), [=] { return mkdir(path, mode16(mode)); });
 }
 int QOSA_Access(const char* path, u32 mode) {
-    return guarded(-1, [=] { return access(path, static_cast<int>(mode)); }, as_path(path));
+    return guarded(-1, need(as_path(path)), [=] { return access(path, static_cast<int>(mode)); });
 }
-int QOSA_Remove(const char* path) { return guarded(-1, [=] { return remove(path); }, as_path(path)); }
+int QOSA_Remove(const char* path) {
+    return guarded(-1, need(as_path(path)), [=] { return remove(path); });
+}
 int QOSA_Rename(const char* oldPath, const char* newPath) {
-    return guarded(-1, [=] { return rename(oldPath, newPath); }, as_path(oldPath), as_path(newPath));
+    return guarded(-1, need(as_path(oldPath), as_path(newPath)), [=] { return rename(oldPath, newPath); });
 }
 
 // ---- buffered streams ----
 
 FILE* QOSA_Fopen(const char* path, const char* mode) {
-    return guarded<FILE*>(nullptr, [=] { return fopen(path, mode); }, as_path(path), as_path(mode));
+    return guarded<FILE*>(nullptr, need(as_path(path), as_path(mode)), [=] { return fopen(path, mode); });
 }
-int QOSA_Fflush(FILE* stream) { return guarded(-1, [=] { return fflush(stream); }, stream); }
-int QOSA_Fclose(FILE* stream) { return guarded(-1, [=] { return fclose(stream); }, stream); }
+int QOSA_Fflush(FILE* stream) {
+    return guarded(-1, need(stream), [=] { return fflush(stream); });
+}
+int QOSA_Fclose(FILE* stream) {
+    return guarded(-1, need(stream), [=] { return fclose(stream); });
+}
 FILE* QOSA_TmpFile(void) { return tmpfile(); }
 
 int QOSA_Fprintf(FILE* stream, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    int r = guarded(-1, [&] { return vfprintf(stream, format, args); }, stream, as_path(format));
+    int r = guarded(-1, need(stream, as_path(format)), [&] { return vfprintf(stream, format, args); });
     va_end(args);
     return r;
 }
@@ -153,47 +174,71 @@ int QOSA_Fprintf(FILE* stream, const char* format, ...) {
 int QOSA_Printf(const char* format, ...) {
     va_list args;
     va_start(args, format);
-    int r = guarded(-1, [&] { return vprintf(format, args); }, format);
+    int r = guarded(-1, need(format), [&] { return vprintf(format, args); });
     va_end(args);
     return r;
 }
 
-int QOSA_Fgetc(FILE* stream) { return guarded(-1, [=] { return fgetc(stream); }, stream); }
-int QOSA_Fputc(int c, FILE* stream) { return guarded(-1, [=] { return fputc(c, stream); }, stream); }
-char* QOSA_Fgets(char* buf, u32 size, FILE* stream) {
-    return guarded<char*>(nullptr, [=] { return fgets(buf, fgets_size(size), stream); }, buf, stream);
+int QOSA_Fgetc(FILE* stream) {
+    return guarded(-1, need(stream), [=] { return fgetc(stream); });
 }
-int QOSA_Fputs(const char* s, FILE* stream) { return guarded(-1, [=] { return fputs(s, stream); }, s, stream); }
+int QOSA_Fputc(int c, FILE* stream) {
+    return guarded(-1, need(stream), [=] { return fputc(c, stream); });
+}
+char* QOSA_Fgets(char* buf, u32 size, FILE* stream) {
+    return guarded<char*>(nullptr, need(buf, stream), [=] { return fgets(buf, fgets_size(size), stream); });
+}
+int QOSA_Fputs(const char* s, FILE* stream) {
+    return guarded(-1, need(s, stream), [=] { return fputs(s, stream); });
+}
 size_t QOSA_Fread(void* buf, u32 size, u32 count, FILE* stream) {
-    return guarded<size_t>(0, [=] { return fread(buf, size, count, stream); }, buf, stream);
+    return guarded<size_t>(0, need(buf, stream), [=] { return fread(buf, size, count, stream); });
 }
 size_t QOSA_Fwrite(const void* buf, u32 size, u32 count, FILE* stream) {
-    return guarded<size_t>(0, [=] { return fwrite(buf, size, count, stream); }, buf, stream);
+    return guarded<size_t>(0, need(buf, stream), [=] { return fwrite(buf, size, count, stream); });
 }
 int QOSA_Fseek(FILE* stream, s32 offset, int origin) {
-    return guarded(-1, [=] { return fseek(stream, long{offset}, origin); }, stream);
+    return guarded(-1, need(stream), [=] { return fseek(stream, long{offset}, origin); });
 }
-s32 QOSA_Ftell(FILE* stream) { return guarded<s32>(-1, [=] { return ftell(stream); }, stream); }
-void QOSA_Rewind(FILE* stream) { guarded(nothing, [=] { rewind(stream); }, stream); }
-int QOSA_Fgetpos(FILE* stream, fpos_t* pos) { return guarded(-1, [=] { return fgetpos(stream, pos); }, stream, pos); }
+s32 QOSA_Ftell(FILE* stream) {
+    return guarded<s32>(-1, need(stream), [=] { return ftell(stream); });
+}
+void QOSA_Rewind(FILE* stream) {
+    guarded(nothing, need(stream), [=] { rewind(stream); });
+}
+int QOSA_Fgetpos(FILE* stream, fpos_t* pos) {
+    return guarded(-1, need(stream, pos), [=] { return fgetpos(stream, pos); });
+}
 int QOSA_Fsetpos(FILE* stream, const fpos_t* pos) {
-    return guarded(-1, [=] { return fsetpos(stream, pos); }, stream, pos);
+    return guarded(-1, need(stream, pos), [=] { return fsetpos(stream, pos); });
 }
-void QOSA_Clearerr(FILE* stream) { guarded(nothing, [=] { clearerr(stream); }, stream); }
-int QOSA_Feof(FILE* stream) { return guarded(-1, [=] { return feof(stream); }, stream); }
-int QOSA_Ferror(FILE* stream) { return guarded(-1, [=] { return ferror(stream); }, stream); }
-int QOSA_Fileno(FILE* stream) { return guarded(-1, [=] { return fileno(stream); }, stream); }
+void QOSA_Clearerr(FILE* stream) {
+    guarded(nothing, need(stream), [=] { clearerr(stream); });
+}
+int QOSA_Feof(FILE* stream) {
+    return guarded(-1, need(stream), [=] { return feof(stream); });
+}
+int QOSA_Ferror(FILE* stream) {
+    return guarded(-1, need(stream), [=] { return ferror(stream); });
+}
+int QOSA_Fileno(FILE* stream) {
+    return guarded(-1, need(stream), [=] { return fileno(stream); });
+}
 
 // ---- file descriptors ----
 
 int QOSA_Open(const char* path, int flags, u32 mode) {
-    return guarded(-1, [=] { return open(path, flags, static_cast<mode_t>(mode)); }, as_path(path));
+    return guarded(-1, need(as_path(path)), [=] { return open(path, flags, static_cast<mode_t>(mode)); });
 }
 int QOSA_Creat(const char* path, u32 mode) {
-    return guarded(-1, [=] { return creat(path, mode16(mode)); }, as_path(path));
+    return guarded(-1, need(as_path(path)), [=] { return creat(path, mode16(mode)); });
 }
-s32 QOSA_Read(int fd, void* buf, u32 len) { return guarded<s32>(-1, [=] { return read(fd, buf, len); }, buf); }
-s32 QOSA_Write(int fd, const void* buf, u32 len) { return guarded<s32>(-1, [=] { return write(fd, buf, len); }, buf); }
+s32 QOSA_Read(int fd, void* buf, u32 len) {
+    return guarded<s32>(-1, need(buf), [=] { return read(fd, buf, len); });
+}
+s32 QOSA_Write(int fd, const void* buf, u32 len) {
+    return guarded<s32>(-1, need(buf), [=] { return write(fd, buf, len); });
+}
 int QOSA_Close(int fd) { return close(fd); }
 int QOSA_CloseHandle(int fd) { return close(fd); }
 off_t QOSA_LSeek(int fd, s32 offset, int origin) { return lseek(fd, off_t{offset}, origin); }
@@ -217,13 +262,12 @@ u32 QOSA_GetFileSize(const char* path, u32* size) {
 }
 
 u32 QOSA_Stat(const char* path, QOSA_STAT_S* st) {
-    return guarded<u32>(QOSA_ERROR, [=] { return stat_into(path, st); }, path, st);
+    return guarded<u32>(QOSA_ERROR, need(path, st), [=] { return stat_into(path, st); });
 }
-u32 QOSA_FStat(int fd, QOSA_STAT_S* st) { return guarded<u32>(QOSA_ERROR, [=] { return fstat_into(fd, st); }, st); }
-
-} // extern "C"
-// clang-format on
-
+u32 QOSA_FStat(int fd, QOSA_STAT_S* st) {
+    return guarded<u32>(QOSA_ERROR, need(st), [=] { return fstat_into(fd, st); });
+}
+}
 // =============================================================================
 // Path utilities and the release of directory listings
 // =============================================================================
@@ -565,19 +609,15 @@ std::size_t unit_count(const u32* w) {
 extern "C" {
 
 s32 utf8_to_unicode(const u8* utf8, u32* unicode) {
-    return guarded<s32>(
-        0,
-        [=] {
-            unsigned len = kDecodeLength[utf8[0]];
-            *unicode = decode_sequence(utf8, len);
-            return static_cast<s32>(len);
-        },
-        utf8, unicode);
+    return guarded<s32>(0, need(utf8, unicode), [=] {
+        unsigned len = kDecodeLength[utf8[0]];
+        *unicode = decode_sequence(utf8, len);
+        return static_cast<s32>(len);
+    });
 }
 
 u8* unicode_to_utf8(u32 unicode, u8* utf8) {
-    return guarded<u8*>(
-        nullptr, [=] { return encode_sequence(unicode, encoded_length(unicode), utf8); }, utf8);
+    return guarded<u8*>(nullptr, need(utf8), [=] { return encode_sequence(unicode, encoded_length(unicode), utf8); });
 }
 
 u32 UTF8_LENGTH(u32 unicode) { return encoded_length(unicode); }

@@ -54,36 +54,30 @@ int bring_to_life(QosaMutex* m) {
 extern "C" {
 
 int QOSA_MutexInit(QosaMutex* m, const pthread_mutexattr_t* attr) {
-    return guarded(
-        -1, [=] { return pthread_mutex_init(&m->mutex, attr); }, m);
+    return guarded(-1, need(m), [=] { return pthread_mutex_init(&m->mutex, attr); });
 }
 
 int QOSA_MutexInitRecursive(QosaMutex* m) {
     pthread_mutexattr_t attr;
     if (pthread_mutexattr_init(&attr) != 0) return -1;
     if (pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE) != 0) return -1;
-    return guarded(
-        -1, [&] { return pthread_mutex_init(&m->mutex, &attr); }, m);
+    return guarded(-1, need(m), [&] { return pthread_mutex_init(&m->mutex, &attr); });
 }
 
 int QOSA_MutexDestroy(QosaMutex* m) {
-    return guarded(
-        -1, [=] { return pthread_mutex_destroy(&m->mutex) == 0 ? 0 : -1; }, m);
+    return guarded(-1, need(m), [=] { return pthread_mutex_destroy(&m->mutex) == 0 ? 0 : -1; });
 }
 
 int QOSA_MutexLock(QosaMutex* m) {
-    return guarded(
-        -1, [=] { return bring_to_life(m) != 0 ? -1 : pthread_mutex_lock(&m->mutex); }, m);
+    return guarded(-1, need(m), [=] { return bring_to_life(m) != 0 ? -1 : pthread_mutex_lock(&m->mutex); });
 }
 
 int QOSA_MutexTryLock(QosaMutex* m) {
-    return guarded(
-        -1, [=] { return bring_to_life(m) != 0 ? -1 : pthread_mutex_trylock(&m->mutex); }, m);
+    return guarded(-1, need(m), [=] { return bring_to_life(m) != 0 ? -1 : pthread_mutex_trylock(&m->mutex); });
 }
 
 int QOSA_MutexUnLock(QosaMutex* m) {
-    return guarded(
-        -1, [=] { return pthread_mutex_unlock(&m->mutex); }, m);
+    return guarded(-1, need(m), [=] { return pthread_mutex_unlock(&m->mutex); });
 }
 
 int ORV_Pthread_RWLock_Init(pthread_rwlock_t* rwlock, const pthread_rwlockattr_t* attr) {

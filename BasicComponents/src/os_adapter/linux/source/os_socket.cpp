@@ -72,9 +72,6 @@ s32 connect_v6(s32 fd, const void* addr, u32 port) {
 
 } // namespace
 
-// The wrappers are kept one per line: the formatter would split every call
-// that has a lambda before its last argument.
-// clang-format off
 extern "C" {
 
 s32 QOSA_InitSocket(void) { return 1; }
@@ -85,25 +82,25 @@ void QOSA_DInitSocket(void) {}
 s32 QOSA_Socket(s32 domain, s32 type, s32 protocol) { return socket(domain, type, protocol); }
 s32 QOSA_CloseSocket(s32 fd) { return close(fd); }
 s32 QOSA_Bind(s32 fd, const struct sockaddr* addr, socklen_t len) {
-    return guarded(-1, [=] { return bind(fd, addr, len); }, addr);
+    return guarded(-1, need(addr), [=] { return bind(fd, addr, len); });
 }
 s32 QOSA_Connect(s32 fd, const struct sockaddr* addr, socklen_t len) {
-    return guarded(-1, [=] { return connect(fd, addr, len); }, addr);
+    return guarded(-1, need(addr), [=] { return connect(fd, addr, len); });
 }
 s32 QOSA_Listen(s32 fd, s32 backlog) { return listen(fd, backlog); }
 s32 QOSA_Accept(s32 fd, struct sockaddr* addr, socklen_t* len) { return accept(fd, addr, len); }
 
 s32 QOSA_Send(s32 fd, const void* buf, s32 len, s32 flags) {
-    return guarded<s32>(-1, [=] { return send(fd, buf, widen(len), flags); }, buf);
+    return guarded<s32>(-1, need(buf), [=] { return send(fd, buf, widen(len), flags); });
 }
 s32 QOSA_Recv(s32 fd, void* buf, s32 len, s32 flags) {
-    return guarded<s32>(-1, [=] { return recv(fd, buf, widen(len), flags); }, buf);
+    return guarded<s32>(-1, need(buf), [=] { return recv(fd, buf, widen(len), flags); });
 }
 s32 QOSA_Sendto(s32 fd, const void* buf, s32 len, s32 flags, const struct sockaddr* addr, socklen_t addrLen) {
-    return guarded<s32>(0, [=] { return sendto(fd, buf, widen(len), flags, addr, addrLen); }, buf);
+    return guarded<s32>(0, need(buf), [=] { return sendto(fd, buf, widen(len), flags, addr, addrLen); });
 }
 s32 QOSA_Recvfrom(s32 fd, void* buf, s32 len, s32 flags, struct sockaddr* addr, socklen_t* addrLen) {
-    return guarded<s32>(0, [=] { return recvfrom(fd, buf, widen(len), flags, addr, addrLen); }, buf);
+    return guarded<s32>(0, need(buf), [=] { return recvfrom(fd, buf, widen(len), flags, addr, addrLen); });
 }
 
 s32 QOSA_Select(s32 nfds, fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, struct timeval* timeout) {
@@ -111,39 +108,45 @@ s32 QOSA_Select(s32 nfds, fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, 
 }
 
 s32 QOSA_GetSockName(s32 fd, struct sockaddr* addr, socklen_t* len) {
-    return guarded(-1, [=] { return getsockname(fd, addr, len); }, addr, len);
+    return guarded(-1, need(addr, len), [=] { return getsockname(fd, addr, len); });
 }
 s32 QOSA_GetPeerName(s32 fd, struct sockaddr* addr, socklen_t* len) {
-    return guarded(-1, [=] { return getpeername(fd, addr, len); }, addr, len);
+    return guarded(-1, need(addr, len), [=] { return getpeername(fd, addr, len); });
 }
 s32 QOSA_GetSockOpt(s32 fd, s32 level, s32 name, void* value, socklen_t* len) {
-    return guarded(-1, [=] { return getsockopt(fd, level, name, value, len); }, value, len);
+    return guarded(-1, need(value, len), [=] { return getsockopt(fd, level, name, value, len); });
 }
 s32 QOSA_SetSockOpt(s32 fd, s32 level, s32 name, const void* value, socklen_t len) {
-    return guarded(-1, [=] { return setsockopt(fd, level, name, value, len); }, value);
+    return guarded(-1, need(value), [=] { return setsockopt(fd, level, name, value, len); });
 }
 s32 QOSA_IoctlSocket(s32 fd, u32 request, void* arg) { return ioctl(fd, static_cast<unsigned long>(request), arg); }
 
 // ---- host names and addresses ----
 
-s32 QOSA_GetHostName(char* name, u32 len) { return guarded(-1, [=] { return gethostname(name, len); }, name); }
+s32 QOSA_GetHostName(char* name, u32 len) {
+    return guarded(-1, need(name), [=] { return gethostname(name, len); });
+}
 struct hostent* QOSA_GetHostByName(const char* name) {
-    return guarded<struct hostent*>(nullptr, [=] { return gethostbyname(name); }, as_path(name));
+    return guarded<struct hostent*>(nullptr, need(as_path(name)), [=] { return gethostbyname(name); });
 }
 s32 QOSA_GetHostByName_S(const char*) { return -1; }
 s32 QOSA_GetAddrInfo(const char* node, const char* service, const struct addrinfo* hints, struct addrinfo** list) {
-    return guarded(-1, [=] { return get_addr_info(node, service, hints, list); }, list);
+    return guarded(-1, need(list), [=] { return get_addr_info(node, service, hints, list); });
 }
-void QOSA_FreeAddrInfo(struct addrinfo* list) { guarded(nothing, [=] { freeaddrinfo(list); }, list); }
+void QOSA_FreeAddrInfo(struct addrinfo* list) {
+    guarded(nothing, need(list), [=] { freeaddrinfo(list); });
+}
 void qosaAddrInfoSwapNameAndAddr(struct addrinfo*) {}
 
-u32 QOSA_InetAddr(const char* text) { return guarded<u32>(0, [=] { return inet_addr(text); }, text); }
+u32 QOSA_InetAddr(const char* text) {
+    return guarded<u32>(0, need(text), [=] { return inet_addr(text); });
+}
 char* QOSA_InetNtoa(u32 addr) { return inet_ntoa_of(addr); }
 s32 QOSA_Inet_Pton(s32 family, const char* text, void* out) {
-    return guarded(0, [=] { return inet_pton(family, text, out); }, text, out);
+    return guarded(0, need(text, out), [=] { return inet_pton(family, text, out); });
 }
 const char* QOSA_Inet_Ntop(s32 family, const void* addr, char* text, socklen_t size) {
-    return guarded<const char*>(nullptr, [=] { return inet_ntop(family, addr, text, size); }, addr, text);
+    return guarded<const char*>(nullptr, need(addr, text), [=] { return inet_ntop(family, addr, text, size); });
 }
 s32 ORV_Socket_Get_AF_INET6(void) { return AF_INET6; }
 
@@ -151,7 +154,9 @@ s32 QOSA_ConnectAdd(s32 fd, u32 addr, u32 port) { return connect_v4(fd, addr, po
 
 // ---- descriptor sets ----
 
-void QOSA_FD_ZERO(fd_set* set) { guarded(nothing, [=] { memset_s(set, sizeof *set, 0, sizeof *set); }, set); }
+void QOSA_FD_ZERO(fd_set* set) {
+    guarded(nothing, need(set), [=] { memset_s(set, sizeof *set, 0, sizeof *set); });
+}
 void QOSA_FD_SET(s32 fd, fd_set* set) {
     if (set != nullptr && in_set_range(fd)) word_of(set, fd) |= bit_of(fd);
 }
@@ -162,10 +167,7 @@ u32 QOSA_FD_ISSET(s32 fd, const fd_set* set) {
     if (set == nullptr || !in_set_range(fd)) return 0;
     return word_of(set, fd) & bit_of(fd);
 }
-
-} // extern "C"
-// clang-format on
-
+}
 extern "C" s32 QOSA_ConnectAdd6(s32 fd, s32 family, const void* addr, u32 port) {
     if (family != AF_INET) return connect_v6(fd, addr, port);
     // The IPv4 address comes in host order; a null addr fails this copy.

@@ -11,7 +11,8 @@
 
 namespace {
 
-template <int (*Convert)(int)> char* convert_case(char* s) {
+template <int (*Convert)(int)>
+char* convert_case(char* s) {
     u32 len = QOSA_StrLen(s);
     if (len == 0) return s;
     for (u32 i = 0; i < len; ++i)
@@ -82,7 +83,8 @@ s64 QOSA_Ultostr(char* buffer, u64 size, u32 value, u32 radix) {
     if (buffer == nullptr) return -1;
     // Like a bounded print of n - 1 characters: a longer text is cut and refused.
     std::size_t keep = len < n - 1 ? len : n - 1;
-    for (std::size_t i = 0; i < keep; ++i) buffer[i] = digits[len - 1 - i];
+    for (std::size_t i = 0; i < keep; ++i)
+        buffer[i] = digits[len - 1 - i];
     buffer[keep] = '\0';
     return keep == len ? static_cast<s64>(len) : -1;
 }
@@ -400,13 +402,11 @@ char* ORV_UnicodeToUtf8(const wchar_t* unicode) {
 }
 
 char* ORV_UnicodeToLocale(const wchar_t* unicode) {
-    return guarded<char*>(
-        nullptr, [=] { return wide_to_locale(unicode); }, unicode);
+    return guarded<char*>(nullptr, need(unicode), [=] { return wide_to_locale(unicode); });
 }
 
 wchar_t* ORV_LocaleToUnicodeW(const char* text) {
-    return guarded<wchar_t*>(
-        nullptr, [=] { return locale_to_wide(text); }, text);
+    return guarded<wchar_t*>(nullptr, need(text), [=] { return locale_to_wide(text); });
 }
 
 char* ORV_LocaleToUtf8(const char* text) {

@@ -106,17 +106,17 @@ s32 QOSA_PthreadCondInit(pthread_cond_t* cond, const pthread_condattr_t* attr) {
 }
 
 s32 QOSA_PthreadCondDestroy(pthread_cond_t* cond) {
-    return guarded<s32>(-1, [=] { return pthread_cond_destroy(cond) == 0 ? 0 : 1; }, cond);
+    return guarded<s32>(-1, need(cond), [=] { return pthread_cond_destroy(cond) == 0 ? 0 : 1; });
 }
 
 s32 QOSA_PthreadCondSignal(pthread_cond_t* cond) {
-    return guarded<s32>(-1, [=] { return pthread_cond_signal(cond); }, cond);
+    return guarded<s32>(-1, need(cond), [=] { return pthread_cond_signal(cond); });
 }
 s32 QOSA_PthreadCondBroadcast(pthread_cond_t* cond) {
-    return guarded<s32>(-1, [=] { return pthread_cond_broadcast(cond); }, cond);
+    return guarded<s32>(-1, need(cond), [=] { return pthread_cond_broadcast(cond); });
 }
 s32 QOSA_PthreadCondWait(pthread_cond_t* cond, pthread_mutex_t* mutex) {
-    return guarded<s32>(-1, [=] { return pthread_cond_wait(cond, mutex); }, cond, mutex);
+    return guarded<s32>(-1, need(cond, mutex), [=] { return pthread_cond_wait(cond, mutex); });
 }
 
 s32 QOSA_PthreadCondTimedWait(pthread_cond_t* cond, pthread_mutex_t* mutex, s32 timeoutUs) {
@@ -137,7 +137,7 @@ s32 QOSA_PthreadCondTimedWait_Clock(pthread_cond_t* cond, pthread_mutex_t* mutex
 
 s32 QOSA_PthreadCreate(pthread_t* thread, const pthread_attr_t* attr, QOSA_ThreadProc start, void* arg) {
     // A thread without a start routine would fault as soon as it ran.
-    return guarded<s32>(-1, [=] { return start ? pthread_create(thread, attr, start, arg) : EINVAL; }, thread);
+    return guarded<s32>(-1, need(thread), [=] { return start ? pthread_create(thread, attr, start, arg) : EINVAL; });
 }
 s32 QOSA_PthreadCreateID(pthread_t* thread, u32 /*id*/, const pthread_attr_t* attr, QOSA_ThreadProc start, void* arg) {
     return QOSA_PthreadCreate(thread, attr, start, arg);
@@ -160,62 +160,62 @@ pthread_t ORV_GetPthreadSelf(pthread_t* out) {
 s32 QOSA_PthreadSetName(const char* name) { return name ? pthread_setname_np(pthread_self(), name) : EINVAL; }
 
 s32 QOSA_PthreadSetCancelState(s32 state, s32* oldstate) {
-    return guarded<s32>(-1, [=] { return pthread_setcancelstate(state, oldstate); }, oldstate);
+    return guarded<s32>(-1, need(oldstate), [=] { return pthread_setcancelstate(state, oldstate); });
 }
 s32 QOSA_PthreadSetCancelType(s32 type, s32* oldtype) {
-    return guarded<s32>(-1, [=] { return pthread_setcanceltype(type, oldtype); }, oldtype);
+    return guarded<s32>(-1, need(oldtype), [=] { return pthread_setcanceltype(type, oldtype); });
 }
 
 // ---- thread attributes ------------------------------------------------------
 
 s32 QOSA_PthreadAttrInit(pthread_attr_t* attr) {
-    return guarded<s32>(-1, [=] { return pthread_attr_init(attr); }, attr);
+    return guarded<s32>(-1, need(attr), [=] { return pthread_attr_init(attr); });
 }
 s32 QOSA_PthreadAttrDestroy(pthread_attr_t* attr) {
-    return guarded<s32>(-1, [=] { return pthread_attr_destroy(attr); }, attr);
+    return guarded<s32>(-1, need(attr), [=] { return pthread_attr_destroy(attr); });
 }
 s32 QOSA_PthreadAttrSetdetachstate(pthread_attr_t* attr, s32 state) {
-    return guarded<s32>(-1, [=] { return pthread_attr_setdetachstate(attr, state); }, attr);
+    return guarded<s32>(-1, need(attr), [=] { return pthread_attr_setdetachstate(attr, state); });
 }
 s32 QOSA_PthreadAttrGetInheritsched(const pthread_attr_t* attr, s32* out) {
-    return guarded<s32>(-1, [=] { return pthread_attr_getinheritsched(attr, out); }, attr, out);
+    return guarded<s32>(-1, need(attr, out), [=] { return pthread_attr_getinheritsched(attr, out); });
 }
 s32 QOSA_PthreadAttrSetInheritsched(pthread_attr_t* attr, s32 value) {
-    return guarded<s32>(-1, [=] { return pthread_attr_setinheritsched(attr, value); }, attr);
+    return guarded<s32>(-1, need(attr), [=] { return pthread_attr_setinheritsched(attr, value); });
 }
 s32 QOSA_PthreadAttrGetSchedpolicy(const pthread_attr_t* attr, s32* out) {
-    return guarded<s32>(-1, [=] { return pthread_attr_getschedpolicy(attr, out); }, attr, out);
+    return guarded<s32>(-1, need(attr, out), [=] { return pthread_attr_getschedpolicy(attr, out); });
 }
 s32 QOSA_PthreadAttrSetSchedpolicy(pthread_attr_t* attr, s32 policy) {
-    return guarded<s32>(-1, [=] { return pthread_attr_setschedpolicy(attr, policy); }, attr);
+    return guarded<s32>(-1, need(attr), [=] { return pthread_attr_setschedpolicy(attr, policy); });
 }
 s32 QOSA_PthreadAttrGetSchedparam(const pthread_attr_t* attr, struct sched_param* out) {
-    return guarded<s32>(-1, [=] { return pthread_attr_getschedparam(attr, out); }, attr, out);
+    return guarded<s32>(-1, need(attr, out), [=] { return pthread_attr_getschedparam(attr, out); });
 }
 s32 QOSA_PthreadAttrSetSchedparam(pthread_attr_t* attr, const struct sched_param* param) {
-    return guarded<s32>(-1, [=] { return param ? pthread_attr_setschedparam(attr, param) : EINVAL; }, attr);
+    return guarded<s32>(-1, need(attr), [=] { return param ? pthread_attr_setschedparam(attr, param) : EINVAL; });
 }
 s32 QOSA_PthreadAttrGetscope(const pthread_attr_t* attr, s32* out) {
-    return guarded<s32>(-1, [=] { return pthread_attr_getscope(attr, out); }, attr, out);
+    return guarded<s32>(-1, need(attr, out), [=] { return pthread_attr_getscope(attr, out); });
 }
 s32 QOSA_PthreadAttrSetscope(pthread_attr_t* attr, s32 scope) {
-    return guarded<s32>(-1, [=] { return pthread_attr_setscope(attr, scope); }, attr);
+    return guarded<s32>(-1, need(attr), [=] { return pthread_attr_setscope(attr, scope); });
 }
 s32 QOSA_PthreadAttrGetStacksize(const pthread_attr_t* attr, size_t* out) {
-    return guarded<s32>(-1, [=] { return pthread_attr_getstacksize(attr, out); }, attr, out);
+    return guarded<s32>(-1, need(attr, out), [=] { return pthread_attr_getstacksize(attr, out); });
 }
 s32 QOSA_PthreadAttrSetStacksize(pthread_attr_t* attr, u32 size) {
-    return guarded<s32>(-1, [=] { return pthread_attr_setstacksize(attr, size_t{size}); }, attr);
+    return guarded<s32>(-1, need(attr), [=] { return pthread_attr_setstacksize(attr, size_t{size}); });
 }
 
 // The stack-address pair is obsolete in POSIX but still part of this interface.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 s32 QOSA_PthreadAttrGetStackAddr(const pthread_attr_t* attr, void** out) {
-    return guarded<s32>(-1, [=] { return pthread_attr_getstackaddr(attr, out); }, attr, out);
+    return guarded<s32>(-1, need(attr, out), [=] { return pthread_attr_getstackaddr(attr, out); });
 }
 s32 QOSA_PthreadAttrSetStackAddr(pthread_attr_t* attr, void* addr) {
-    return guarded<s32>(-1, [=] { return pthread_attr_setstackaddr(attr, addr); }, attr, addr);
+    return guarded<s32>(-1, need(attr, addr), [=] { return pthread_attr_setstackaddr(attr, addr); });
 }
 #pragma GCC diagnostic pop
 
@@ -242,7 +242,7 @@ s32 QOSA_USleep(u32 microseconds) { return usleep(microseconds); }
 // ---- mappings and shared memory --------------------------------------------
 
 key_t QOSA_Ftok(const char* path, s32 id) {
-    return guarded<key_t>(-1, [=] { return ftok(path, id); }, as_path(path));
+    return guarded<key_t>(-1, need(as_path(path)), [=] { return ftok(path, id); });
 }
 
 void* QOSA_MMap(void* addr, u32 len, s32 prot, s32 flags, s32 fd, s32 offset) {
@@ -252,7 +252,7 @@ void* QOSA_MMapWin(void* addr, u32 len, s32 prot, s32 flags, s32 fd, s32 offset)
     return QOSA_MMap(addr, len, prot, flags, fd, offset);
 }
 s32 QOSA_MUnMap(void* addr, u32 len) {
-    return guarded<s32>(-1, [=] { return munmap(addr, size_t{len}); }, addr);
+    return guarded<s32>(-1, need(addr), [=] { return munmap(addr, size_t{len}); });
 }
 s32 QOSA_MUnMapWin(void* addr, u32 len) { return QOSA_MUnMap(addr, len); }
 
@@ -283,20 +283,20 @@ s32 QOSA_Signal(s32 sig, void (*handler)(int)) {
 }
 
 s32 QOSA_SigProcmask(s32 how, const sigset_t* set, sigset_t* oldSet) {
-    return guarded<s32>(-1, [=] { return sigprocmask(how, set, oldSet); }, set);
+    return guarded<s32>(-1, need(set), [=] { return sigprocmask(how, set, oldSet); });
 }
 s32 QOSA_PthreadSigmask(s32 how, const sigset_t* set, sigset_t* oldSet) {
-    return guarded<s32>(-1, [=] { return pthread_sigmask(how, set, oldSet); }, set);
+    return guarded<s32>(-1, need(set), [=] { return pthread_sigmask(how, set, oldSet); });
 }
 s32 QOSA_SigPending(sigset_t* set) {
-    return guarded<s32>(-1, [=] { return sigpending(set); }, set);
+    return guarded<s32>(-1, need(set), [=] { return sigpending(set); });
 }
 s32 QOSA_SigSuspend(const sigset_t* set) {
-    return guarded<s32>(-1, [=] { return sigsuspend(set); }, set);
+    return guarded<s32>(-1, need(set), [=] { return sigsuspend(set); });
 }
 s32 QOSA_SigWait(const sigset_t* set, s32* sig) {
     // Without a place for the number the platform would fault once a signal came.
-    return guarded<s32>(-1, [=] { return sig ? sigwait(set, sig) : EINVAL; }, set);
+    return guarded<s32>(-1, need(set), [=] { return sig ? sigwait(set, sig) : EINVAL; });
 }
 
 s32 QOSA_SigWaitInfo(const sigset_t* set, siginfo_t* info) { return set && info ? 0 : -1; }
@@ -307,10 +307,10 @@ s32 QOSA_PthreadKill(pthread_t thread, s32 sig) { return pthread_kill(thread, si
 s32 QOSA_Kill(pid_t pid, s32 sig) { return kill(pid, sig); }
 
 s32 QOSA_SigEmptySet(sigset_t* set) {
-    return guarded<s32>(-1, [=] { return memset_s(set, sizeof *set, 0, sizeof *set) == 0 ? 0 : -1; }, set);
+    return guarded<s32>(-1, need(set), [=] { return memset_s(set, sizeof *set, 0, sizeof *set) == 0 ? 0 : -1; });
 }
 s32 QOSA_SigFillSet(sigset_t* set) {
-    return guarded<s32>(-1, [=] { return memset_s(set, sizeof *set, 0xFF, sizeof *set) == 0 ? 0 : -1; }, set);
+    return guarded<s32>(-1, need(set), [=] { return memset_s(set, sizeof *set, 0xFF, sizeof *set) == 0 ? 0 : -1; });
 }
 
 s32 QOSA_SigAddSet(sigset_t* set, s32 sig) {

@@ -85,52 +85,41 @@ bool boot_clock(timespec* ts) { return clock_gettime(CLOCK_BOOTTIME, ts) == 0; }
 extern "C" {
 
 struct tm* QOSA_LocalTime(const time_t* t) {
-    return guarded<struct tm*>(
-        nullptr, [=] { return localtime(t); }, t);
+    return guarded<struct tm*>(nullptr, need(t), [=] { return localtime(t); });
 }
 struct tm* QOSA_GmTime(const time_t* t) {
-    return guarded<struct tm*>(
-        nullptr, [=] { return gmtime(t); }, t);
+    return guarded<struct tm*>(nullptr, need(t), [=] { return gmtime(t); });
 }
 char* QOSA_AscTime(const struct tm* tm) {
-    return guarded<char*>(
-        nullptr, [=] { return asctime(tm); }, tm);
+    return guarded<char*>(nullptr, need(tm), [=] { return asctime(tm); });
 }
 char* QOSA_CTime(const time_t* t) {
-    return guarded<char*>(
-        nullptr, [=] { return ctime(t); }, t);
+    return guarded<char*>(nullptr, need(t), [=] { return ctime(t); });
 }
 
 u32 QOSA_LocalTime_S(struct tm* out, const time_t* t) {
-    return guarded(
-        QOSA_ERROR, [=] { return localtime_r(t, out) ? 0u : QOSA_ERROR; }, out, t);
+    return guarded(QOSA_ERROR, need(out, t), [=] { return localtime_r(t, out) ? 0u : QOSA_ERROR; });
 }
 u32 QOSA_GmTime_S(struct tm* out, const time_t* t) {
-    return guarded(
-        QOSA_ERROR, [=] { return gmtime_r(t, out) ? 0u : QOSA_ERROR; }, out, t);
+    return guarded(QOSA_ERROR, need(out, t), [=] { return gmtime_r(t, out) ? 0u : QOSA_ERROR; });
 }
 u32 QOSA_AscTime_S(const struct tm* tm, char* buf) {
-    return guarded(
-        QOSA_ERROR, [=] { return asctime_r(tm, buf) ? 0u : QOSA_ERROR; }, tm, buf);
+    return guarded(QOSA_ERROR, need(tm, buf), [=] { return asctime_r(tm, buf) ? 0u : QOSA_ERROR; });
 }
 u32 QOSA_CTime_S(const time_t* t, char* buf) {
-    return guarded(
-        QOSA_ERROR, [=] { return ctime_r(t, buf) ? 0u : QOSA_ERROR; }, t, buf);
+    return guarded(QOSA_ERROR, need(t, buf), [=] { return ctime_r(t, buf) ? 0u : QOSA_ERROR; });
 }
 
 s32 QOSA_GetTimeOfDay(struct timeval* tv, struct timezone* tz) {
-    return guarded<s32>(
-        0, [=] { return gettimeofday(tv, tz); }, tv);
+    return guarded<s32>(0, need(tv), [=] { return gettimeofday(tv, tz); });
 }
 
 u32 QOSA_StrFtime(char* s, u32 max, const char* fmt, const struct tm* tm) {
-    return guarded<u32>(
-        0, [=] { return strftime(s, max, fmt, tm); }, s, as_path(fmt), tm);
+    return guarded<u32>(0, need(s, as_path(fmt), tm), [=] { return strftime(s, max, fmt, tm); });
 }
 
 time_t QOSA_MkTime(struct tm* tm) {
-    return guarded<time_t>(
-        0, [=] { return mktime(tm); }, tm);
+    return guarded<time_t>(0, need(tm), [=] { return mktime(tm); });
 }
 
 u32 QOSA_GetTime(struct tm* out) {

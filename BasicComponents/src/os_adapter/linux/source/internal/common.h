@@ -19,6 +19,7 @@ using qosa::bounded::vsprintf_s;
 using qosa::detail::as_path;
 using qosa::detail::guarded;
 using qosa::detail::MutexGuard;
+using qosa::detail::need;
 using qosa::detail::nothing;
 
 // The source position recorded with the library's own allocations.

@@ -1,12 +1,15 @@
-// The idiom of the thin wrappers: state the guarded arguments and the refusal
-// value once, keep the platform call apart.
+// The idiom of the thin wrappers: the refusal value and the guarded arguments
+// are stated once, the platform call is kept apart.
 //
-//   int QOSA_RmDir(const char* path) { return guarded(-1, [=] { return rmdir(path); }, as_path(path)); }
+//   int QOSA_RmDir(const char* path) { return guarded(-1, need(as_path(path)), [=] { return rmdir(path); }); }
 //
-// A guarded pointer is missing when it is null; a guarded path (as_path) when
-// QOSA_StrLen of it is 0. When any guarded argument is missing the refusal is
-// returned and the call is not made; otherwise the call's result is returned,
-// converted to the wrapper's result type (32-bit results keep the low bits).
+// need() lists the arguments that must be present: a pointer is missing when
+// it is null, a path (as_path) when QOSA_StrLen of it is 0. When one is
+// missing the refusal is returned and the call is not made (errno is left
+// alone); otherwise the call's result is returned, converted to the result
+// type (32-bit results keep the low bits): guarded<s32>(-1, ...) for a 32-bit
+// result of a wider call, guarded<T*>(nullptr, ...) for a pointer result,
+// guarded(nothing, ...) for a function without a result.
 #pragma once
 
 #include <type_traits>
@@ -26,20 +29,32 @@ constexpr bool missing(T* p) {
     return p == nullptr;
 }
 
+// True when every guarded argument is present.
+template <typename... G>
+inline bool need(G... args) {
+    return !(missing(args) || ...);
+}
+
 // Result type of functions that return nothing.
 struct Nothing {};
 inline constexpr Nothing nothing{};
 
+template <typename R, typename Call>
+inline R guarded(R refusal, bool present, Call&& call) {
+    if (!present) return refusal;
+    return static_cast<R>(call());
+}
+
+template <typename Call>
+inline void guarded(Nothing, bool present, Call&& call) {
+    if (present) call();
+}
+
+// Older form, guards after the call; kept until every unit has moved over.
 template <typename R, typename Call, typename... G>
 inline R guarded(R refusal, Call&& call, G... args) {
     if ((missing(args) || ...)) return refusal;
     return static_cast<R>(call());
-}
-
-template <typename Call, typename... G>
-inline void guarded(Nothing, Call&& call, G... args) {
-    if ((missing(args) || ...)) return;
-    call();
 }
 
 } // namespace qosa::detail
