@@ -1,36 +1,74 @@
 // The allocation front end. With tracking off every call is one test of the
-// switch and a direct malloc or free.
+// switch and a direct malloc or free; with tracking on the calls hand over to
+// the record table.
 #include <cstdlib>
 #include <cstring>
 
 #include "internal/common.h"
 #include "internal/mem_switch.h"
+#include "internal/mem_table.h"
 #include "qosa_mem.h"
 
 namespace qosa::mem {
 u8 g_EnableMemMonitor = 0;
 }
 
+using qosa::mem::log_error;
 using qosa::mem::tracking;
+
+namespace {
+
+// Set once the first failed allocation has been dumped.
+u8 s_Record = 0;
+// Set by the first caller of QOSA_MemInitMemMange, so that only it
+// initialises the table.
+u8 s_initStarted = 0;
+
+char s_outOfMemoryDump[] = "/data/out_of_memery.txt";
+
+// memset_s takes at most 2 GiB - 1 bytes a call.
+void fill(void* p, u32 size, int c) {
+    constexpr u32 kStep = 0x40000000u;
+    auto* b = static_cast<char*>(p);
+    while (size != 0) {
+        u32 n = size < kStep ? size : kStep;
+        memset_s(b, n, c, n);
+        b += n;
+        size -= n;
+    }
+}
+
+// Releases a block on the reallocation path; an unknown address is kept as an
+// error record.
+void release_for_realloc(void* p, const char* file, u32 line) {
+    if (sysMemDeleteUserMem(p) == QOSA_MEM_NOT_FOUND) log_error(p, 0, file, line, QOSA_MEM_DYN, QOSA_MEM_NOT_FOUND);
+}
+
+} // namespace
 
 extern "C" {
 
-void* QOSA_MemTypeMallocD(u32 size, u32 type, u32 /*line*/, const char* /*file*/) {
-    if (size == 0) return nullptr;
-    if (!tracking()) return type == QOSA_MEM_CACHE ? nullptr : std::malloc(size);
-    return nullptr; // tracked allocation: not built yet
+void* QOSA_MemTypeMallocD(u32 size, u32 type, u32 line, const char* file) {
+    if (!tracking()) [[likely]]
+        return size == 0 || type == QOSA_MEM_CACHE ? nullptr : std::malloc(size);
+    return size == 0 ? nullptr : MemAllocMem(file, line, size, type);
 }
 
-void* QOSA_MemTypeMallocS(u32 size, int fill, u32 type, u32 line, const char* file) {
+void* QOSA_MemTypeMallocS(u32 size, int fill_byte, u32 type, u32 line, const char* file) {
     void* p = QOSA_MemTypeMallocD(size, type, line, file);
-    if (p != nullptr) memset_s(p, size, fill, size);
+    if (p != nullptr) fill(p, size, fill_byte);
     return p;
 }
 
-void QOSA_MemTypeFreeD(void* p, u32 /*type*/, u32 /*line*/, const char* /*file*/) {
-    if (p == nullptr) return;
-    if (!tracking()) std::free(p);
+void QOSA_MemTypeFreeD(void* p, u32 type, u32 line, const char* file) {
+    if (!tracking()) [[likely]] {
+        std::free(p); // nothing for NULL
+        return;
+    }
+    if (p != nullptr) MemFreeMem(file, line, p, type);
 }
+
+void* QOSA_MemAlignD(u32 /*size*/, u32 /*type*/, u32 /*line*/, const char* /*file*/) { return nullptr; }
 
 int QOSA_MemCmp(const void* a, const void* b, u32 len) { return std::memcmp(a, b, len); }
 
@@ -40,6 +78,69 @@ char* QOSA_StrDupEx(const char* source, u32 line, const char* file) {
     auto* copy = static_cast<char*>(QOSA_MemTypeMallocS(size, 0, QOSA_MEM_DYN, line, file));
     if (copy != nullptr && length != 0) memcpy_s(copy, size, source, length);
     return copy;
+}
+
+void QOSA_MemInitMemMange(void) {
+    if (tracking() || __atomic_exchange_n(&s_initStarted, 1, __ATOMIC_ACQ_REL) != 0) return;
+    MemInitManage();
+    __atomic_store_n(&qosa::mem::g_EnableMemMonitor, 1, __ATOMIC_RELEASE);
+}
+
+u32 QOSA_MemGetMemStatus(QOSA_MemPrintProc print) { return tracking() ? MemGetMemStats(print) : 1; }
+u32 QOSA_MemGetMemRec(u32 mode, u32 sortMode, char* filter, QOSA_MemPrintProc print) {
+    return tracking() ? MemGetMemRec(mode, sortMode, filter, print) : 1;
+}
+u32 QOSA_MemGetMemScan(QOSA_MemPrintProc print) { return tracking() ? MemGetMemScan(print) : 1; }
+u32 QOSA_MemGetMemoryUseMonitor(QOSA_MemPrintProc print) { return tracking() ? MemGetMemoryUseMonitor(print) : 1; }
+
+// ---- tracker primitives ----------------------------------------------------
+
+int MemInitManage(void) {
+    qosa::mem::MemMonitor& t = qosa::mem::g_MemMonitorRecord;
+    QOSA_MutexInit(&t.hErrMutex, nullptr);
+    return QOSA_MutexInit(&t.hMutex, nullptr);
+}
+
+void* MemAllocMem(const char* file, u32 line, u32 size, u32 type) {
+    void* p = sysMemAddUserMem(size, 4, file, line, type);
+    if (p == nullptr && __atomic_exchange_n(&s_Record, 1, __ATOMIC_ACQ_REL) == 0) MemRecordMemRecFun(s_outOfMemoryDump);
+    return p;
+}
+
+void* MemCallocMem(const char* file, u32 line, int count, int size) {
+    if (count <= 0 || size <= 0) return nullptr;
+    u64 bytes = u64(count) * u64(size);
+    if (bytes > 0xFFFFFFFFu) return nullptr;
+    auto n = static_cast<u32>(bytes);
+    void* p = sysMemAddUserMem(n, 4, file, line, QOSA_MEM_DYN);
+    if (p != nullptr) fill(p, n, 0);
+    return p;
+}
+
+void* MemAlignMem(const char* file, u32 line, u32 /*spare*/, u32 size) {
+    return sysMemAddUserMem(size, 128, file, line, QOSA_MEM_ALN);
+}
+
+void* MemReAllocMem(const char* file, u32 line, void* old, u32 newSize) {
+    if (old != nullptr && newSize == 0) {
+        release_for_realloc(old, file, line);
+        return nullptr;
+    }
+    void* fresh = sysMemAddUserMem(newSize, 4, file, line, QOSA_MEM_DYN);
+    if (old == nullptr || fresh == nullptr) return fresh;
+    if (sysMemCopyUserMem(fresh, old) == 0) {
+        release_for_realloc(old, file, line);
+        return fresh;
+    }
+    release_for_realloc(fresh, file, line); // the old block stays valid
+    return nullptr;
+}
+
+u32 MemFreeMem(const char* file, u32 line, void* p, u32 type) {
+    u32 result = sysMemDeleteUserMem(p);
+    if (result != QOSA_MEM_NOT_FOUND) return result;
+    log_error(p, 0, file, line, type, QOSA_MEM_NOT_FOUND);
+    return 0;
 }
 
 } // extern "C"

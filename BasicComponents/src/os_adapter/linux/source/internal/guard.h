@@ -50,11 +50,4 @@ inline void guarded(Nothing, bool present, Call&& call) {
     if (present) call();
 }
 
-// Older form, guards after the call; kept until every unit has moved over.
-template <typename R, typename Call, typename... G>
-inline R guarded(R refusal, Call&& call, G... args) {
-    if ((missing(args) || ...)) return refusal;
-    return static_cast<R>(call());
-}
-
 } // namespace qosa::detail

@@ -1,0 +1,277 @@
+// Reports of the memory tracker: counters, sorted and filtered listings, the
+// scan for damaged blocks, the self-check and the file dump.
+//
+// Listings copy what they need under the table's mutexes and call the print
+// function after releasing them. The tracker's own scratch memory (text
+// buffers, copies of the tables) comes from malloc, so that a report never
+// shows up in the listing it makes.
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+
+#include "internal/common.h"
+#include "internal/mem_table.h"
+#include "qosa_file.h"
+#include "qosa_string.h"
+
+using namespace qosa::mem;
+
+namespace {
+
+constexpr u32 kTextBuf = 10240;
+constexpr u32 kChunk = 24;
+
+char s_recordDump[] = "/data/mem_rec.txt";
+
+constexpr const char* kHeader =
+    "\r\nRecID    Address       Length     Line File                            Type   Status     Thread\r\n";
+constexpr const char* kSummary =
+    "\n\rCurrent mem exception record cnt:       %u\n\rError info ID introduction:\n\r"
+    "1: down overflow 2: up overflow 3: down/up overflow 4: release mem addr not from malloc 5: release local mem "
+    "addr\n\r6: release err mem of mem space 7: malloc erro size mem 8: malloc mem fail\n\r9: realloc err params\t  "
+    "10: search ReAlloc old buffer fail\n\r";
+
+MemMonitor& T = g_MemMonitorRecord;
+
+const char* type_name(u32 type) { return type < std::size(g_MemTypeDiscr) ? g_MemTypeDiscr[type] : "Unknown"; }
+const char* status_name(u32 status) { return status < std::size(g_MemStatus) ? g_MemStatus[status] : "Unknown"; }
+
+// One record line, appended to buf.
+u32 append_record(char* buf, u32 bufSize, const QOSA_MEM_REC_S& r) {
+    return sysMemLogStringCat(buf, bufSize, "%-7u  %-10u %-5u %-31s %s    %-9s %u\r\n", r.ulPos, r.ulSize, r.ulLine,
+                              r.pFile != nullptr ? r.pFile : "(null)", type_name(r.ulType), status_name(r.ulStatus),
+                              static_cast<u32>(r.ulThread));
+}
+
+// Hands a listing to print in pieces of at most kChunk records, each after
+// the header.
+void print_listing(QOSA_MemPrintProc print, char* buf, QOSA_MEM_REC_S* recs, u32 count) {
+    for (u32 i = 0; i < count; i += kChunk) {
+        u32 n = count - i < kChunk ? count - i : kChunk;
+        u32 len = sysMemPrintMemInfo(1, buf, kTextBuf, recs + i, n);
+        print(buf, len);
+    }
+}
+
+// Writes one table to the dump file, a line at a time. Called with the
+// table's mutex held.
+void dump_line(FILE* f, char* buf, const QOSA_MEM_REC_S& r) {
+    buf[0] = '\0';
+    append_record(buf, kTextBuf, r);
+    QOSA_Fprintf(f, "%s", buf);
+}
+
+const QOSA_MEM_REC_S& record_of(const void* slot) {
+    static const QOSA_MEM_REC_S none{};
+    u32 s = slot != nullptr ? *static_cast<const u32*>(slot) : kMaxRec;
+    return s < kMaxRec ? T.astRec[s] : none;
+}
+
+} // namespace
+
+extern "C" {
+
+u32 sysMemLogStringCat(char* buf, u32 bufSize, const char* fmt, ...) {
+    u32 len = QOSA_StrLen(buf);
+    if (buf == nullptr || fmt == nullptr || len >= bufSize) return 0;
+    std::va_list args;
+    va_start(args, fmt);
+    int n = vsprintf_s(buf + len, bufSize - len - 1, fmt, args);
+    va_end(args);
+    return n < 0 ? 0 : static_cast<u32>(n);
+}
+
+u32 sysMemPrintMemInfo(int withHeader, char* buf, u32 bufSize, QOSA_MEM_REC_S* recs, u32 count) {
+    if (buf == nullptr || bufSize == 0) return 0;
+    buf[0] = '\0';
+    u32 total = withHeader != 0 ? sysMemLogStringCat(buf, bufSize, "%s", kHeader) : 0;
+    for (u32 i = 0; recs != nullptr && i < count; ++i)
+        total += append_record(buf, bufSize, recs[i]);
+    return total;
+}
+
+char* sysMemStrcasestr(char* text, const char* pattern) {
+    if (text == nullptr || pattern == nullptr) return nullptr;
+    auto textLen = static_cast<long long>(std::strlen(text));
+    auto patternLen = static_cast<long long>(std::strlen(pattern));
+    long long positions = textLen - patternLen + 1;
+    if (positions < 1) return nullptr;
+    if (patternLen == 0) return text;
+    auto upper = [](char c) { return QOSA_CharToUpper(static_cast<unsigned char>(c)); };
+    for (long long i = 0; i < positions; ++i) {
+        long long j = 0;
+        while (j < patternLen && upper(text[i + j]) == upper(pattern[j]))
+            ++j;
+        if (j == patternLen) return text + i;
+    }
+    return nullptr;
+}
+
+int sysMemSortByAddr(const void* a, const void* b) { return record_of(a).pAddr < record_of(b).pAddr ? -1 : 1; }
+int sysMemSortBySize(const void* a, const void* b) { return record_of(a).ulSize < record_of(b).ulSize ? -1 : 1; }
+
+u32 sysMemSortMemInfo(QOSA_MEM_REC_S** out, char* filter, int sortMode) {
+    if (out == nullptr) return 0;
+    *out = nullptr;
+    MutexGuard lock(&T.hMutex);
+    u32 cur = T.ulCurCnt;
+    if (cur == 0) return 0;
+    auto* recs = static_cast<QOSA_MEM_REC_S*>(std::malloc(std::size_t{cur} * sizeof(QOSA_MEM_REC_S)));
+    auto* slots = static_cast<u32*>(std::malloc(std::size_t{cur} * sizeof(u32)));
+    if (recs == nullptr || slots == nullptr ||
+        memcpy_s(slots, std::size_t{cur} * sizeof(u32), T.aulPosTab, std::size_t{cur} * sizeof(u32)) != 0) {
+        std::free(recs);
+        std::free(slots);
+        return 0;
+    }
+    if (sortMode == 0) std::qsort(slots, cur, sizeof(u32), sysMemSortByAddr);
+    if (sortMode == 1) std::qsort(slots, cur, sizeof(u32), sysMemSortBySize);
+    bool all = QOSA_StrLen(filter) == 0;
+    u32 kept = 0;
+    for (u32 i = 0; i < cur; ++i) {
+        const QOSA_MEM_REC_S& r = T.astRec[slots[i]];
+        if (all || (r.pFile != nullptr && sysMemStrcasestr(const_cast<char*>(r.pFile), filter) != nullptr))
+            recs[kept++] = r;
+    }
+    std::free(slots);
+    if (kept == 0) {
+        std::free(recs);
+        return 0;
+    }
+    *out = recs;
+    return kept;
+}
+
+u32 sysMemScanErrMemInfo(QOSA_MEM_REC_S** out) {
+    if (out == nullptr) return 0;
+    *out = nullptr;
+    auto* recs = static_cast<QOSA_MEM_REC_S*>(std::malloc(std::size_t{kMaxErrRec} * sizeof(QOSA_MEM_REC_S)));
+    if (recs == nullptr) return 0;
+    u32 n = 0;
+    {
+        MutexGuard lock(&T.hMutex);
+        for (u32 p = 0; p < T.ulCurCnt && n < kMaxErrRec; ++p) {
+            const void* block = caller_ptr(T.astRec[T.aulPosTab[p]]);
+            QOSA_MEM_REC_S* r = live_record(block);
+            if (r == nullptr) continue;
+            u32 status = guard_check(r, block);
+            if (status == QOSA_MEM_DOWN_OVERFLOW || status == QOSA_MEM_UP_OVERFLOW) recs[n++] = *r;
+        }
+    }
+    if (n == 0) {
+        std::free(recs);
+        return 0;
+    }
+    *out = recs;
+    return n;
+}
+
+int MemSelfCheck(void) {
+    QOSA_MutexLock(&T.hMutex);
+    for (u32 p = 0; p < T.ulCurCnt; ++p) {
+        u32 slot = T.aulPosTab[p];
+        const void* block = caller_ptr(T.astRec[slot]);
+        QOSA_MEM_REC_S* r = live_record(block);
+        if (r != nullptr)
+            guard_check(r, block);
+        else
+            T.astRec[slot].ulStatus = QOSA_MEM_INVALID_MEM;
+    }
+    return QOSA_MutexUnLock(&T.hMutex);
+}
+
+void MemRecordMemRecFun(char* path) {
+    QOSA_Remove(path);
+    FILE* f = QOSA_Fopen(path, "a+");
+    if (f == nullptr) return;
+    auto* buf = static_cast<char*>(std::malloc(kTextBuf));
+    if (buf == nullptr) {
+        QOSA_Fclose(f);
+        return;
+    }
+    {
+        MutexGuard lock(&T.hMutex);
+        QOSA_Fprintf(f, "\r\n-------MemInfo %u----\r\n", T.ulCurCnt);
+        QOSA_Fprintf(f, "%s", kHeader);
+        for (u32 p = 0; p < T.ulCurCnt; ++p)
+            dump_line(f, buf, T.astRec[T.aulPosTab[p]]);
+    }
+    {
+        MutexGuard lock(&T.hErrMutex);
+        QOSA_Fprintf(f, "\r\n-------ErrMem %u----\r\n", T.ulErrCnt);
+        QOSA_Fprintf(f, "%s", kHeader);
+        for (u32 e = 0; e < T.ulErrCnt; ++e)
+            dump_line(f, buf, T.astErrRec[e]);
+    }
+    QOSA_Fflush(f);
+    QOSA_Fclose(f);
+    std::free(buf);
+}
+
+u32 MemGetMemStats(QOSA_MemPrintProc print) {
+    if (print == nullptr) return 1;
+    char buf[256] = {};
+    u32 len = sysMemLogStringCat(buf, sizeof buf,
+                                 "Current mem record cnt: %u\n\rMax mem record cnt: %u\n\rMax mem record limit : %u\n\r"
+                                 "User malloc mem:   %u (Bytes)\n\r",
+                                 load(T.ulCurCnt), load(T.ulMaxCnt), kMaxRec, load(T.ulUserMem));
+    print(buf, len);
+    return 0;
+}
+
+u32 MemGetMemRec(u32 mode, u32 sortMode, char* filter, QOSA_MemPrintProc print) {
+    if (print == nullptr) return 1;
+    QOSA_MEM_REC_S* recs = nullptr;
+    u32 n = 0;
+    if (mode == 0) n = sysMemSortMemInfo(&recs, nullptr, static_cast<int>(sortMode));
+    if (mode == 1) n = sysMemSortMemInfo(&recs, filter, static_cast<int>(sortMode));
+    auto* buf = static_cast<char*>(std::malloc(kTextBuf));
+    if (buf == nullptr) {
+        std::free(recs);
+        return 0;
+    }
+    print_listing(print, buf, recs, n);
+    u32 bytes = 0;
+    for (u32 i = 0; i < n; ++i)
+        bytes += recs[i].ulAlignSize;
+    char totals[512] = {};
+    u32 len = sysMemLogStringCat(totals, sizeof totals,
+                                 "\r\nTotal malloc mem: %u\r\nThis User malloc mem : %u (bytes)\r\n", n, bytes);
+    print(totals, len);
+    std::free(buf);
+    std::free(recs);
+    return 0;
+}
+
+u32 MemGetMemScan(QOSA_MemPrintProc print) {
+    if (print == nullptr) return 1;
+    auto* buf = static_cast<char*>(std::malloc(kTextBuf));
+    if (buf == nullptr) return 1;
+    QOSA_MEM_REC_S* damaged = nullptr;
+    u32 nDamaged = sysMemScanErrMemInfo(&damaged);
+    print_listing(print, buf, damaged, nDamaged);
+    std::free(damaged);
+    void* logged = nullptr;
+    u32 nLogged = sysMemGetErrMemLog(&logged);
+    print_listing(print, buf, static_cast<QOSA_MEM_REC_S*>(logged), nLogged);
+    std::free(logged);
+    buf[0] = '\0';
+    u32 len = sysMemLogStringCat(buf, kTextBuf, kSummary, nDamaged + nLogged);
+    print(buf, len);
+    std::free(buf);
+    return 0;
+}
+
+u32 MemGetMemoryUseMonitor(QOSA_MemPrintProc print) {
+    if (print == nullptr) return 1;
+    MemSelfCheck();
+    MemRecordMemRecFun(s_recordDump);
+    char buf[512] = {};
+    u32 len = sysMemLogStringCat(buf, sizeof buf, "Save to %s", s_recordDump);
+    print(buf, len);
+    return 0;
+}
+
+} // extern "C"

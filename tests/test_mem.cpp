@@ -1,0 +1,78 @@
+// The allocation front end with tracking off, and the report formatting
+// helpers (which need no table). Tracking is never switched on here.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "internal/mem_switch.h"
+#include "internal/mem_table.h"
+#include "qosa_mem.h"
+
+namespace {
+int s_prints = 0;
+int count_print(char*, u32) { return ++s_prints; }
+} // namespace
+
+TEST(MemOff, PlainHeapBlocks) {
+    EXPECT_EQ(QOSA_MemTypeMallocD(0, QOSA_MEM_DYN, __LINE__, __FILE__), nullptr);
+    EXPECT_EQ(QOSA_MemTypeMallocD(16, QOSA_MEM_CACHE, __LINE__, __FILE__), nullptr) << "type 2 is refused";
+    EXPECT_EQ(QOSA_MemAlignD(64, QOSA_MEM_DYN, __LINE__, __FILE__), nullptr);
+
+    auto* filled = static_cast<unsigned char*>(QOSA_MemTypeMallocS(10, 0x1AB, QOSA_MEM_IS, __LINE__, __FILE__));
+    ASSERT_NE(filled, nullptr);
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(filled[i], 0xAB) << "only the low byte of the fill counts";
+    QOSA_MemTypeFreeD(filled, QOSA_MEM_IS, __LINE__, __FILE__);
+    QOSA_MemTypeFreeD(nullptr, QOSA_MEM_DYN, __LINE__, __FILE__);
+
+    char* empty = QOSA_StrDupEx(nullptr, __LINE__, __FILE__);
+    ASSERT_NE(empty, nullptr);
+    EXPECT_STREQ(empty, "");
+    char* copy = QOSA_StrDupEx("guarded", __LINE__, __FILE__);
+    ASSERT_NE(copy, nullptr);
+    EXPECT_EQ(QOSA_MemCmp(copy, "guarded", 8), 0);
+    QOSA_MemTypeFreeD(empty, QOSA_MEM_DYN, __LINE__, __FILE__);
+    QOSA_MemTypeFreeD(copy, QOSA_MEM_DYN, __LINE__, __FILE__);
+
+    char filter[] = "x";
+    EXPECT_EQ(QOSA_MemGetMemStatus(count_print), 1u);
+    EXPECT_EQ(QOSA_MemGetMemRec(0, 0, filter, count_print), 1u);
+    EXPECT_EQ(QOSA_MemGetMemScan(count_print), 1u);
+    EXPECT_EQ(QOSA_MemGetMemoryUseMonitor(count_print), 1u);
+    EXPECT_EQ(s_prints, 0);
+    EXPECT_FALSE(qosa::mem::tracking());
+    EXPECT_EQ(qosa::mem::g_MemMonitorRecord.ulMaxCnt, 0u) << "nothing reached the table";
+}
+
+TEST(MemReportText, CaseInsensitiveSearch) {
+    char text[] = "xAbC";
+    EXPECT_EQ(sysMemStrcasestr(text, ""), text);
+    EXPECT_EQ(sysMemStrcasestr(text, "bc"), text + 2);
+    EXPECT_EQ(sysMemStrcasestr(text, "XABC"), text);
+    EXPECT_EQ(sysMemStrcasestr(text, "xAbCd"), nullptr) << "longer than the text";
+    EXPECT_EQ(sysMemStrcasestr(text, "ba"), nullptr);
+    char bytes[] = "\xC3\xA9t\xC3\xA9";
+    EXPECT_EQ(sysMemStrcasestr(bytes, "T\xC3\xA9"), bytes + 2) << "bytes above 127 compare as themselves";
+}
+
+TEST(MemReportText, LinesAppendWhileTheyFit) {
+    char buf[16] = "abc";
+    EXPECT_EQ(sysMemLogStringCat(buf, sizeof buf, "%d-%s", 42, "x"), 4u);
+    // 7 used: 16 - 7 - 1 = 8 bytes for the text and its terminator.
+    EXPECT_EQ(sysMemLogStringCat(buf, sizeof buf, "%s", "1234567"), 7u);
+    EXPECT_EQ(sysMemLogStringCat(buf, sizeof buf, "%s", "z"), 0u);
+    EXPECT_STREQ(buf, "abc42-x1234567");
+
+    QOSA_MEM_REC_S recs[2]{};
+    recs[0] = {nullptr, 8, 5, 0, 0x123456789ull, 3, QOSA_MEM_DOWN_OVERFLOW, QOSA_MEM_FIXED, 0, 42, "unit.c"};
+    recs[1].ulStatus = QOSA_MEM_INVALID_MEM; // no file, type 0
+    char out[512];
+    u32 len = sysMemPrintMemInfo(1, out, sizeof out, recs, 2);
+    std::string expected =
+        "\r\nRecID    Address       Length     Line File                            Type   Status     Thread\r\n"
+        "3        5          42    unit.c                          Fixed    Down      591751049\r\n"
+        "0        0          0     (null)                          Dyn    InvaidMem 0\r\n";
+    EXPECT_EQ(std::string(out), expected) << "the thread's low 32 bits";
+    EXPECT_EQ(len, expected.size());
+    EXPECT_EQ(sysMemPrintMemInfo(0, out, sizeof out, recs, 0), 0u);
+}
