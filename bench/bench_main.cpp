@@ -20,9 +20,10 @@ void RatioReporter::ReportRuns(const std::vector<Run>& runs) {
 
 void RatioReporter::PrintRatios() const {
     std::printf("\n%-44s %12s %12s %8s\n", "case (time per iteration)", "libqosa", "peer", "ratio");
-    for (const auto& [key, single] : single_) {
-        auto m = median_.find(key);
-        const Pair& p = m != median_.end() && m->second.qosa > 0 && m->second.peer > 0 ? m->second : single;
+    std::map<std::string, Pair> best = single_;
+    for (const auto& [key, m] : median_)
+        if (m.qosa > 0 && m.peer > 0) best[key] = m; // medians win when there are repetitions
+    for (const auto& [key, p] : best) {
         if (p.qosa <= 0 || p.peer <= 0) continue;
         std::printf("%-44s %12.1f %12.1f %7.2fx\n", key.c_str(), p.qosa, p.peer, p.qosa / p.peer);
     }

@@ -1,5 +1,4 @@
-// The allocation front end with tracking off, and the report formatting
-// helpers (which need no table). Tracking is never switched on here.
+// Allocation with tracking off (never switched on here) and the report text helpers.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -17,22 +16,16 @@ TEST(MemOff, PlainHeapBlocks) {
     EXPECT_EQ(QOSA_MemTypeMallocD(0, QOSA_MEM_DYN, __LINE__, __FILE__), nullptr);
     EXPECT_EQ(QOSA_MemTypeMallocD(16, QOSA_MEM_CACHE, __LINE__, __FILE__), nullptr) << "type 2 is refused";
     EXPECT_EQ(QOSA_MemAlignD(64, QOSA_MEM_DYN, __LINE__, __FILE__), nullptr);
-
-    auto* filled = static_cast<unsigned char*>(QOSA_MemTypeMallocS(10, 0x1AB, QOSA_MEM_IS, __LINE__, __FILE__));
+    auto* filled = static_cast<char*>(QOSA_MemTypeMallocS(10, 0x1AB, QOSA_MEM_IS, __LINE__, __FILE__));
     ASSERT_NE(filled, nullptr);
-    for (int i = 0; i < 10; ++i)
-        EXPECT_EQ(filled[i], 0xAB) << "only the low byte of the fill counts";
+    EXPECT_EQ(std::string(filled, 10), std::string(10, '\xAB')) << "only the low byte of the fill counts";
     QOSA_MemTypeFreeD(filled, QOSA_MEM_IS, __LINE__, __FILE__);
-    QOSA_MemTypeFreeD(nullptr, QOSA_MEM_DYN, __LINE__, __FILE__);
-
-    char* empty = QOSA_StrDupEx(nullptr, __LINE__, __FILE__);
-    ASSERT_NE(empty, nullptr);
-    EXPECT_STREQ(empty, "");
-    char* copy = QOSA_StrDupEx("guarded", __LINE__, __FILE__);
-    ASSERT_NE(copy, nullptr);
-    EXPECT_EQ(QOSA_MemCmp(copy, "guarded", 8), 0);
-    QOSA_MemTypeFreeD(empty, QOSA_MEM_DYN, __LINE__, __FILE__);
-    QOSA_MemTypeFreeD(copy, QOSA_MEM_DYN, __LINE__, __FILE__);
+    for (const char* s : {static_cast<const char*>(nullptr), "guarded"}) {
+        char* copy = QOSA_StrDupEx(s, __LINE__, __FILE__);
+        ASSERT_NE(copy, nullptr);
+        EXPECT_EQ(QOSA_MemCmp(copy, s ? s : "", s ? 8 : 1), 0);
+        QOSA_MemTypeFreeD(copy, QOSA_MEM_DYN, __LINE__, __FILE__);
+    }
 
     char filter[] = "x";
     EXPECT_EQ(QOSA_MemGetMemStatus(count_print), 1u);
@@ -45,21 +38,18 @@ TEST(MemOff, PlainHeapBlocks) {
 }
 
 TEST(MemReportText, CaseInsensitiveSearch) {
-    char text[] = "xAbC";
-    EXPECT_EQ(sysMemStrcasestr(text, ""), text);
-    EXPECT_EQ(sysMemStrcasestr(text, "bc"), text + 2);
-    EXPECT_EQ(sysMemStrcasestr(text, "XABC"), text);
-    EXPECT_EQ(sysMemStrcasestr(text, "xAbCd"), nullptr) << "longer than the text";
-    EXPECT_EQ(sysMemStrcasestr(text, "ba"), nullptr);
-    char bytes[] = "\xC3\xA9t\xC3\xA9";
+    char text[] = "xAbC", bytes[] = "\xC3\xA9t\xC3\xA9";
+    const std::pair<const char*, char*> cases[] = {
+        {"", text}, {"bc", text + 2}, {"XABC", text}, {"xAbCd", nullptr}, {"ba", nullptr}};
+    for (auto [pattern, found] : cases)
+        EXPECT_EQ(sysMemStrcasestr(text, pattern), found) << pattern;
     EXPECT_EQ(sysMemStrcasestr(bytes, "T\xC3\xA9"), bytes + 2) << "bytes above 127 compare as themselves";
 }
 
 TEST(MemReportText, LinesAppendWhileTheyFit) {
     char buf[16] = "abc";
     EXPECT_EQ(sysMemLogStringCat(buf, sizeof buf, "%d-%s", 42, "x"), 4u);
-    // 7 used: 16 - 7 - 1 = 8 bytes for the text and its terminator.
-    EXPECT_EQ(sysMemLogStringCat(buf, sizeof buf, "%s", "1234567"), 7u);
+    EXPECT_EQ(sysMemLogStringCat(buf, sizeof buf, "%s", "1234567"), 7u) << "exactly the room left";
     EXPECT_EQ(sysMemLogStringCat(buf, sizeof buf, "%s", "z"), 0u);
     EXPECT_STREQ(buf, "abc42-x1234567");
 

@@ -1,5 +1,4 @@
-// The memory reports with tracking on: counters, listings in pieces, sort
-// orders, the file filter, the scan, the self-check and the dump files.
+// The memory reports with tracking on: counters, listings, sorting, filter, scan, self-check, dumps.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -16,28 +15,31 @@
 #include "internal/mem_table.h"
 #include "qosa_mem.h"
 
-using qosa::mem::word_at;
-
 namespace {
 
 const auto& T = qosa::mem::g_MemMonitorRecord;
 const std::string kHeader =
     "\r\nRecID    Address       Length     Line File                            Type   Status     Thread\r\n";
+using Pieces = std::vector<std::string>;
 
-std::vector<std::string> s_printed;
+Pieces s_printed;
 int capture(char* text, u32 len) {
     s_printed.emplace_back(text, len);
     return 0;
 }
-// The printed pieces of a report.
-std::vector<std::string> report(u32 mode, u32 sortMode, const char* filter = nullptr) {
+Pieces printed(u32 (*report)(QOSA_MemPrintProc)) {
     s_printed.clear();
+    EXPECT_EQ(report(capture), 0u);
+    return s_printed;
+}
+Pieces report(u32 mode, u32 sortMode, const char* filter = nullptr) {
     std::string f = filter ? filter : "";
+    s_printed.clear();
     EXPECT_EQ(QOSA_MemGetMemRec(mode, sortMode, filter ? f.data() : nullptr, capture), 0u);
     return s_printed;
 }
-// Record lines of a listing piece, each cut into its columns: position,
-// size, line, file, type, status, thread.
+// The record lines of a listing piece, each cut into its columns:
+// position, size, line, file, type, status, thread.
 std::vector<std::vector<std::string>> rows(const std::string& piece) {
     EXPECT_EQ(piece.rfind(kHeader, 0), 0u) << "every piece starts with the header";
     std::vector<std::vector<std::string>> out;
@@ -74,19 +76,16 @@ class MemReports : public ::testing::Test {
 } // namespace
 
 TEST_F(MemReports, CountersAndPieces) {
-    EXPECT_EQ(report(0, 0), std::vector<std::string>{totals(0, 0)}) << "no listing call for an empty table";
+    EXPECT_EQ(report(0, 0), Pieces{totals(0, 0)}) << "no listing call for an empty table";
     keep(5);
     keep(100);
-    s_printed.clear();
-    ASSERT_EQ(QOSA_MemGetMemStatus(capture), 0u);
-    EXPECT_EQ(s_printed, std::vector<std::string>{
-                             "Current mem record cnt: 2\n\rMax mem record cnt: " + std::to_string(T.ulMaxCnt) +
-                             "\n\rMax mem record limit : 200000\n\rUser malloc mem:   108 (Bytes)\n\r"});
-
-    for (u32 n : {24u, 25u, 48u, 49u}) {
+    EXPECT_EQ(printed(QOSA_MemGetMemStatus),
+              Pieces{"Current mem record cnt: 2\n\rMax mem record cnt: " + std::to_string(T.ulMaxCnt) +
+                     "\n\rMax mem record limit : 200000\n\rUser malloc mem:   108 (Bytes)\n\r"});
+    for (u32 n : {24u, 25u, 48u, 49u}) { // 24 records a piece
         while (blocks_.size() < n)
             keep(3);
-        std::vector<std::string> pieces = report(0, 2);
+        Pieces pieces = report(0, 2);
         ASSERT_EQ(pieces.size(), (n + 23) / 24 + 1) << n << " blocks";
         for (u32 i = 0; i + 1 < pieces.size(); ++i)
             EXPECT_EQ(rows(pieces[i]).size(), std::min(24u, n - 24 * i));
@@ -100,7 +99,7 @@ TEST_F(MemReports, SortOrdersAndFilter) {
         keep(s, s % 2 ? "src/minikarbo_queue.c" : "/a/b/Other.c");
     auto listed = [](u32 sortMode, const char* filter = nullptr, u32 mode = 0) {
         std::vector<u32> out;
-        std::vector<std::string> pieces = report(mode, sortMode, filter);
+        Pieces pieces = report(mode, sortMode, filter);
         for (std::size_t i = 0; i + 1 < pieces.size(); ++i)
             for (const auto& r : rows(pieces[i]))
                 out.push_back(static_cast<u32>(std::stoul(r[1])));
@@ -119,31 +118,30 @@ TEST_F(MemReports, SortOrdersAndFilter) {
 
     EXPECT_EQ(listed(1, "QUEUE", 1), (std::vector<u32>{1, 333})) << "any case";
     EXPECT_EQ(report(1, 1, "QUEUE").back(), totals(2, 4 + 336));
-    EXPECT_EQ(report(1, 0, "nomatch"), std::vector<std::string>{totals(0, 0)});
+    EXPECT_EQ(report(1, 0, "nomatch"), Pieces{totals(0, 0)});
     EXPECT_EQ(listed(0, "nomatch", 0).size(), 7u) << "mode 0 takes no filter";
-    EXPECT_EQ(report(2, 0), std::vector<std::string>{totals(0, 0)}) << "other modes list nothing";
+    EXPECT_EQ(report(2, 0), Pieces{totals(0, 0)}) << "other modes list nothing";
 }
 
 TEST_F(MemReports, ScanAndSelfCheck) {
-    const std::string legend =
-        "\n\rError info ID introduction:\n\r1: down overflow 2: up overflow 3: down/up overflow 4: release mem addr "
-        "not from malloc 5: release local mem addr\n\r6: release err mem of mem space 7: malloc erro size mem 8: "
-        "malloc mem fail\n\r9: realloc err params\t  10: search ReAlloc old buffer fail\n\r";
     u32 logged = T.ulErrCnt;
     keep(16);
     char* down = keep(5, "scan.c", QOSA_MEM_SD);
     char* lost = keep(7);
     down[5] = 0;
-    u32 lostSlot = word_at(lost - 8);
+    u32 lostSlot = qosa::mem::word_at(lost - 8);
     lost[-8] ^= 0x7F; // the slot number in front of the block
 
-    s_printed.clear();
-    EXPECT_EQ(QOSA_MemGetMemScan(capture), 0u);
-    ASSERT_EQ(s_printed.size(), 1 + (logged + 23) / 24 + 1);
-    auto damaged = rows(s_printed[0]);
+    Pieces scan = printed(QOSA_MemGetMemScan);
+    ASSERT_EQ(scan.size(), 1 + (logged + 23) / 24 + 1);
+    auto damaged = rows(scan[0]);
     ASSERT_EQ(damaged.size(), 1u) << "the block whose slot number was overwritten is skipped";
     EXPECT_EQ(damaged[0][3] + " " + damaged[0][4] + " " + damaged[0][5], "scan.c SD Down");
-    EXPECT_EQ(s_printed.back(), "\n\rCurrent mem exception record cnt:       " + std::to_string(1 + logged) + legend);
+    EXPECT_EQ(scan.back(), "\n\rCurrent mem exception record cnt:       " + std::to_string(1 + logged) +
+                               "\n\rError info ID introduction:\n\r1: down overflow 2: up overflow 3: down/up overflow "
+                               "4: release mem addr not from malloc 5: release local mem addr\n\r6: release err mem of "
+                               "mem space 7: malloc erro size mem 8: malloc mem fail\n\r9: realloc err params\t  10: "
+                               "search ReAlloc old buffer fail\n\r");
 
     EXPECT_EQ(MemSelfCheck(), 0);
     EXPECT_EQ(T.astRec[lostSlot].ulStatus, QOSA_MEM_INVALID_MEM);
@@ -152,14 +150,12 @@ TEST_F(MemReports, ScanAndSelfCheck) {
     lost[-8] ^= 0x7F;
 }
 
-// The only test that writes files: the dumps go to /data, made here for the
-// test when it is missing.
+// The only test that writes files: the dumps go to /data, made here when missing.
 TEST_F(MemReports, DumpFiles) {
     struct stat st {};
     bool made = stat("/data", &st) != 0 && mkdir("/data", 0755) == 0;
     if (access("/data", W_OK) != 0) GTEST_SKIP() << "/data cannot be written";
-    const char* recPath = "/data/mem_rec.txt";
-    const char* oomPath = "/data/out_of_memery.txt";
+    const char *recPath = "/data/mem_rec.txt", *oomPath = "/data/out_of_memery.txt";
     bool hadRec = access(recPath, F_OK) == 0;
     auto read = [](const char* path) {
         std::stringstream s;
@@ -176,13 +172,8 @@ TEST_F(MemReports, DumpFiles) {
     keep(5, "a/dump.c", QOSA_MEM_FIXED);
     keep(64);
     sysMemLogMemErr(reinterpret_cast<void*>(0x1000), 3, "err.c", 9, 0, QOSA_MEM_NOT_FOUND);
-    if (std::FILE* stale = std::fopen(recPath, "w")) {
-        std::fputs("stale", stale);
-        std::fclose(stale);
-    }
-    s_printed.clear();
-    EXPECT_EQ(QOSA_MemGetMemoryUseMonitor(capture), 0u);
-    EXPECT_EQ(s_printed, std::vector<std::string>{"Save to /data/mem_rec.txt"});
+    std::ofstream(recPath) << "stale";
+    EXPECT_EQ(printed(QOSA_MemGetMemoryUseMonitor), Pieces{"Save to /data/mem_rec.txt"});
     std::string text = read(recPath);
     auto tid = static_cast<u32>(pthread_self());
     EXPECT_EQ(text.substr(0, text.find("-------ErrMem")),
@@ -197,8 +188,8 @@ TEST_F(MemReports, DumpFiles) {
     const QOSA_MEM_REC_S& e = T.astErrRec[T.ulErrCnt - 1];
     EXPECT_TRUE(e.ulStatus == QOSA_MEM_NO_MEM && e.pAddr == nullptr && e.ulSize == 0xFFFFFFFFu);
     std::string oom = read(oomPath);
-    EXPECT_NE(oom.find("-------MemInfo 2----"), std::string::npos) << "the first failure dumps both tables";
-    EXPECT_NE(oom.find("oom.c"), std::string::npos);
+    EXPECT_TRUE(oom.find("-------MemInfo 2----") != oom.npos && oom.find("oom.c") != oom.npos)
+        << "the first failure dumps both tables";
     std::remove(oomPath);
     EXPECT_EQ(MemAllocMem("x/oom.c", 13, 0xFFFFFFF0u, 0), nullptr);
     EXPECT_NE(access(oomPath, F_OK), 0) << "and only the first";
