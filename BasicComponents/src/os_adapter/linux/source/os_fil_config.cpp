@@ -638,9 +638,11 @@ u32* utf8Str_to_unicodeStr(const char* utf8) {
     auto* out = static_cast<u32*>(QOSA_MemTypeMallocD(size, QOSA_MEM_DYN, QOSA_HERE));
     if (out == nullptr) return nullptr;
     u32 k = decode_all(s, n, out, count);
-    // The terminator and every unit after it are 0.
-    std::size_t tail = (static_cast<std::size_t>(count) + 1 - k) * sizeof(u32);
-    memset_s(out + k, tail, 0, tail);
+    // The terminator and every unit after it are 0 (the terminator written
+    // on its own, so even a tail too large for one bounded clear ends in 0).
+    out[k] = 0;
+    std::size_t tail = (static_cast<std::size_t>(count) - k) * sizeof(u32);
+    if (tail != 0) memset_s(out + k + 1, tail, 0, tail);
     return out;
 }
 

@@ -312,8 +312,9 @@ u32 sysMemCopyUserMem(void* dst, void* src) {
     if (to != nullptr) guard_check(to, dst);
     if (slot_word(src) >= kMaxRec) return 1;
     QOSA_MEM_REC_S* from = live_record(src);
-    if (to == nullptr || from == nullptr || guard_check(from, src) != QOSA_MEM_GOOD || to->ulStatus != QOSA_MEM_GOOD)
-        return 1;
+    // A live source is checked (and its status stored) whatever the destination is.
+    u32 fromCheck = from != nullptr ? guard_check(from, src) : QOSA_MEM_GOOD;
+    if (to == nullptr || from == nullptr || fromCheck != QOSA_MEM_GOOD || to->ulStatus != QOSA_MEM_GOOD) return 1;
     u32 n = from->ulSize < to->ulSize ? from->ulSize : to->ulSize;
     // An empty source has nothing to copy: that is a successful copy.
     return n == 0 || memcpy_s(dst, n, src, n) == 0 ? 0 : 1;

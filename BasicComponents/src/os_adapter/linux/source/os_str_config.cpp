@@ -361,7 +361,8 @@ char* ORV_Utf8ToUnicodeA(const char* utf8) {
         for (int shift = 0; shift < 32; shift += 8)
             if (u8 byte = static_cast<u8>(c >> shift); byte != 0) out[k++] = static_cast<char>(byte);
     }
-    memset_s(out + k, size - k, 0, size - k);
+    out[k] = '\0';
+    memset_s(out + k + 1, size - k - 1, 0, size - k - 1);
     give_back(wide, __LINE__);
     return out;
 }

@@ -1,6 +1,8 @@
 // Time and clocks: wall clock, run-time clock, broken-down times, setting the
 // system clock and the date-time validity rule.
+#include <sys/syscall.h>
 #include <sys/time.h>
+#include <unistd.h>
 #include <time.h>
 
 #include <cstddef>
@@ -169,7 +171,8 @@ s32 QOSA_SetTimezone(s32 minutesWest) {
     struct timezone tz {};
     if (gettimeofday(&tv, &tz) != 0) return -1;
     tz.tz_minuteswest = minutesWest;
-    return settimeofday(&tv, &tz);
+    // The C library refuses a time and a zone in one call; the kernel takes both.
+    return static_cast<s32>(syscall(SYS_settimeofday, &tv, &tz));
 }
 
 u32 QOSA_SetSysTime(const QOSA_SysTime* t) {
