@@ -243,9 +243,9 @@ int sscanf_s(const char* buffer, const char* fmt, ...) {
                 break;
             }
         }
-        char spec[32];
-        int n = std::snprintf(spec, sizeof spec, "%%%lu%.*s", w, static_cast<int>(lenmod_len), lenmod);
-        put(spec, static_cast<std::size_t>(n));
+        char conversion[32];
+        int n = std::snprintf(conversion, sizeof conversion, "%%%lu%.*s", w, static_cast<int>(lenmod_len), lenmod);
+        put(conversion, static_cast<std::size_t>(n));
         put(set_begin, static_cast<std::size_t>(p - set_begin));
         ptrs[nptr++] = target;
     }
