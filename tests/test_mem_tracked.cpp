@@ -12,13 +12,16 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <climits>
 #include <cstring>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "internal/mem_switch.h"
 #include "internal/mem_table.h"
+#include "qosa_file.h"
 #include "qosa_mem.h"
 
 using qosa::mem::word_at;
@@ -251,4 +254,23 @@ TEST_F(MemTracked, ErrorTableKeepsSixHundred) {
     ASSERT_EQ(sysMemGetErrMemLog(&copy), 600u);
     EXPECT_STREQ(static_cast<QOSA_MEM_REC_S*>(copy)[599].pFile, "600th.c");
     std::free(copy);
+}
+
+// Library calls that take memory for themselves give it all back, and a
+// directory listing (the platform's malloc) is released without an error record.
+TEST_F(MemTracked, PathUtilitiesLeaveNothingBehind) {
+    char dir[] = "/tmp/qosa-tracked-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    u32 errors = T.ulErrCnt;
+    std::string nested = std::string(dir) + "/a//b\\c/";
+    EXPECT_EQ(QOSA_MkDir_P(nested.c_str(), 0700), 0);
+    char out[PATH_MAX + 1];
+    EXPECT_EQ(QOSA_RelPath((std::string(dir) + "/a/b/../b/c").c_str(), out, sizeof out), 0);
+    struct dirent** list = nullptr;
+    int n = QOSA_ScanDir(dir, &list, nullptr, QOSA_Alphasort);
+    ASSERT_GE(n, 3); // ".", "..", "a"
+    QOSA_DestoryNameList(list, static_cast<u32>(n));
+    EXPECT_EQ(T.ulErrCnt, errors);
+    std::string rm = std::string("rm -rf ") + dir;
+    EXPECT_EQ(std::system(rm.c_str()), 0);
 }

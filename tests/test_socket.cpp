@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <string>
@@ -183,4 +184,14 @@ TEST(CloseOnExec, MarkedSocketIsClosedInAnExecutedProgram) {
     errno = 0;
     EXPECT_EQ(orv_set_socketport_no_inherit(-1), -1);
     EXPECT_EQ(errno, EBADF);
+}
+
+// A select on no descriptors is the timer service's sleep: it waits the whole time out.
+TEST(Select, SleepsOnNoDescriptors) {
+    auto start = std::chrono::steady_clock::now();
+    timeval tv{0, 10000};
+    EXPECT_EQ(QOSA_Select(0, nullptr, nullptr, nullptr, &tv), 0);
+    auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, std::chrono::milliseconds(10));
+    EXPECT_LT(waited, std::chrono::seconds(2));
 }

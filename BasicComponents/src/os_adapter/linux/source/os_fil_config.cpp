@@ -274,13 +274,15 @@ u32 QOSA_FStat(int fd, QOSA_STAT_S* st) {
 
 namespace {
 
-// Owns one block of the tracked allocator for the length of a call.
+// Owns one block of the tracked allocator for the length of a call; the
+// block is recorded against the line that asked for it.
 class TrackedBlock {
   public:
-    explicit TrackedBlock(u32 size)
-        : size_(size), p_(static_cast<char*>(QOSA_MemTypeMallocD(size, QOSA_MEM_DYN, QOSA_HERE))) {}
+    TrackedBlock(u32 size, u32 line)
+        : size_(size), line_(line),
+          p_(static_cast<char*>(QOSA_MemTypeMallocD(size, QOSA_MEM_DYN, line, QOSA_UNIT_NAME))) {}
     ~TrackedBlock() {
-        if (p_ != nullptr) QOSA_MemTypeFreeD(p_, QOSA_MEM_DYN, QOSA_HERE);
+        if (p_ != nullptr) QOSA_MemTypeFreeD(p_, QOSA_MEM_DYN, line_, QOSA_UNIT_NAME);
     }
     TrackedBlock(const TrackedBlock&) = delete;
     TrackedBlock& operator=(const TrackedBlock&) = delete;
@@ -289,6 +291,7 @@ class TrackedBlock {
 
   private:
     u32 size_;
+    u32 line_;
     char* p_;
 };
 
@@ -349,8 +352,8 @@ s32 QOSA_MkDir_P(const char* path, u32 mode) {
     // The pieces are cut out of a working copy; the path under construction
     // holds every piece followed by one slash (plus a leading slash): at most
     // one character more than the caller's path.
-    TrackedBlock pieces(length + 1);
-    TrackedBlock built(length + 2);
+    TrackedBlock pieces(length + 1, __LINE__);
+    TrackedBlock built(length + 2, __LINE__);
     if (pieces.get() == nullptr || built.get() == nullptr) return -1;
     strncpy_s(pieces.get(), pieces.size(), path, length);
     memset_s(built.get(), built.size(), 0, built.size());
@@ -371,7 +374,7 @@ s32 QOSA_MkDir_P(const char* path, u32 mode) {
 
 s32 QOSA_RelPath(const char* path, char* out, s32 outSize) {
     if (path == nullptr || out == nullptr) return 1;
-    TrackedBlock resolved(kResolveBlock);
+    TrackedBlock resolved(kResolveBlock, __LINE__);
     if (resolved.get() == nullptr || realpath(path, resolved.get()) == nullptr) return 1;
     u32 length = QOSA_StrLen(resolved.get());
     if (static_cast<s32>(length) > outSize) return 1;
