@@ -12,8 +12,6 @@
 // guarded(nothing, ...) for a function without a result.
 #pragma once
 
-#include <type_traits>
-
 #include "qosa_string.h"
 
 namespace qosa::detail {
