@@ -1,0 +1,51 @@
+// What the timer units share beyond the exported interface.
+//
+// Set-up and teardown: init_abstm / init_reltm leave nothing behind when they
+// fail (no hook, no queue, no index); delinit_abstm / delinit_reltm undo a
+// completed set-up and are also called by petimer_start when a later step
+// fails, before any timer thread exists.
+#pragma once
+
+#include "qosa_timer.h"
+#include "qosa_types.h"
+
+namespace qosa::timer {
+
+// 1 while the service is set up and its thread was created (tmr_petimer).
+u8 service_set_up();
+
+// Records the source position of a fresh relative timer (named by the
+// long-callback warning). Ignored for a handle that fails the handle test.
+void reltimer_set_origin(void* h, u32 line, const char* file);
+
+// ---- The tick accounting of one cycle of the timer thread ----
+
+inline constexpr s64 kMaxTicksPerCycle = 1024; // a burst is handed over in slices of this
+
+// Microseconds to sleep so that the wake-up falls on the next 10-ms boundary
+// counted from the previous wake-up; passedMs is the time since then.
+u32 sleep_us(u32 passedMs);
+
+struct CycleTicks {
+    s64 ticks; // count handed to the hooks this cycle; 0: no hook is called
+    s64 carry; // planned minus real sleeping, in ms, still to be settled
+    bool operator==(const CycleTicks&) const = default;
+};
+// passedMs: clock difference from the previous wake-up to the start of the
+// sleep; plannedUs: what sleep_us asked for; sleptMs: clock difference over
+// the sleep (both taken modulo 2^32; a difference of 2^31 or more counts as
+// a step back of the clock).
+CycleTicks cycle_ticks(u32 passedMs, u32 plannedUs, u32 sleptMs, s64 carry);
+
+// Number of registered tick hooks.
+int tickhook_count();
+
+// ---- The relative timers' wheel, for driving it by hand ----
+
+// The relative pass (the tick hook of period 1): drains the relative
+// requests, then processes n ticks.
+void reltm_trigger(s64 n);
+// Number of the next tick the pass processes.
+u32 reltm_tick_last();
+
+} // namespace qosa::timer

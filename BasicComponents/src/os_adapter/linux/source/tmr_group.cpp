@@ -1,0 +1,137 @@
+// Relative timer groups: a fixed set of periodic relative timers sharing one
+// callback, each member started and stopped by its number. Built on the
+// public timer interface only; the group has no lock of its own.
+#define QOSA_UNIT_NAME "tmr_group.c"
+
+#include <cstddef>
+#include <cstdint>
+
+#include "internal/common.h"
+#include "internal/timer_service.h"
+#include "qosa_mem.h"
+#include "qosa_timer.h"
+
+static_assert(offsetof(QOSA_RelTimerGrpEntry, userValue) == 0 && offsetof(QOSA_RelTimerGrpEntry, index) == 4 &&
+              offsetof(QOSA_RelTimerGrpEntry, mode) == 8 && offsetof(QOSA_RelTimerGrpEntry, interval) == 12 &&
+              offsetof(QOSA_RelTimerGrpEntry, proc) == 16 && offsetof(QOSA_RelTimerGrpEntry, timer) == 24 &&
+              offsetof(QOSA_RelTimerGrpEntry, started) == 32);
+static_assert(offsetof(QOSA_RelTimerGrp, count) == 0 && offsetof(QOSA_RelTimerGrp, valid) == 4 &&
+              offsetof(QOSA_RelTimerGrp, proc) == 8 && offsetof(QOSA_RelTimerGrp, entries) == 16);
+
+namespace {
+
+constexpr u32 kNullOut = 0x20160032;
+constexpr u32 kTooMany = 0x20160034;
+constexpr u32 kNoMemory = 0x20160036;
+constexpr u32 kNullProc = 0x20160037;
+constexpr u32 kStartBadGroup = 0x20160039;
+constexpr u32 kStartBadIndex = 0x2016003B;
+constexpr u32 kStartBadMode = 0x2016003C;
+constexpr u32 kStartFailed = 0x2016003D;
+constexpr u32 kStopNullGroup = 0x20160040;
+constexpr u32 kStopInvalidGroup = 0x20160041;
+constexpr u32 kStopBadIndex = 0x20160042;
+constexpr u32 kStopFailed = 0x20160043;
+constexpr u32 kStopNotStarted = 0x20160044;
+constexpr u32 kFreeNullGroup = 0x20160046;
+constexpr u32 kFreeInvalidGroup = 0x20160047;
+constexpr u32 kFreeMemberFailed = 0x20160048;
+
+void* take(std::size_t size) { return QOSA_MemTypeMallocD(static_cast<u32>(size), QOSA_MEM_DYN, QOSA_HERE); }
+
+// The group's memory goes on the timer thread, behind the queued frees of
+// its member timers. When the service refuses (it is stopping or stopped) and
+// no longer runs, no member callback can run either, so it goes at once.
+void release(void* p) {
+    if (QOSA_FreeRelTimerArg_safe(p) != 0 && qosa::timer::service_set_up() == 0)
+        QOSA_MemTypeFreeD(p, QOSA_MEM_DYN, QOSA_HERE);
+}
+
+} // namespace
+
+extern "C" {
+
+u32 QOSA_InitReltimerGrp(QOSA_RelTimerGrp** out, u32 count, QOSA_GrpTimeoutProc proc) {
+    if (out == nullptr) return kNullOut;
+    if (proc == nullptr) return kNullProc;
+    if (count > __atomic_load_n(&ulMaxReltmNum, __ATOMIC_RELAXED)) return kTooMany;
+    auto* grp = static_cast<QOSA_RelTimerGrp*>(take(sizeof(QOSA_RelTimerGrp)));
+    if (grp == nullptr) return kNoMemory;
+    memset_s(grp, sizeof *grp, 0, sizeof *grp);
+    grp->valid = 1;
+    grp->proc = proc;
+    grp->count = count;
+    // A group of 0 members asks for a block of 0 bytes, which the allocator refuses.
+    const std::size_t bytes = std::size_t{count} * sizeof(QOSA_RelTimerGrpEntry);
+    auto* entries = bytes > UINT32_MAX ? nullptr : static_cast<QOSA_RelTimerGrpEntry*>(take(bytes));
+    if (entries == nullptr) {
+        QOSA_MemTypeFreeD(grp, QOSA_MEM_DYN, QOSA_HERE);
+        return kNoMemory;
+    }
+    memset_s(entries, bytes, 0, bytes);
+    for (u32 i = 0; i < count; ++i)
+        entries[i].proc = proc;
+    grp->entries = entries;
+    *out = grp;
+    return 0;
+}
+
+u32 QOSA_StartRelTimerofGrp(QOSA_RelTimerGrp* grp, u32 index, u32 intervalMs, u32 userValue, u8 mode) {
+    if (grp == nullptr || grp->valid != 1) return kStartBadGroup;
+    if (index >= grp->count) return kStartBadIndex;
+    if (mode > 1) return kStartBadMode;
+    QOSA_RelTimerGrpEntry* m = &grp->entries[index];
+    if (m->started != 0) return 0; // a running member is not restarted
+    // A timer left by a start that failed is released before a new one is made.
+    if (m->timer != nullptr) QOSA_FreeRelTimer(m->timer);
+    // The previous timer of this member may still be firing until its queued
+    // free runs; its callback reads userValue.
+    __atomic_store_n(&m->userValue, userValue, __ATOMIC_RELAXED);
+    m->mode = mode;
+    m->interval = intervalMs;
+    m->index = index;
+    m->timer = QOSA_CreateRelTimerM(QOSA_TimeoutFuncOfGrp, QOSA_TIMER_LOOP, __LINE__, QOSA_UNIT_NAME);
+    if (m->timer == nullptr) return kStartFailed;
+    if (QOSA_StartRelTimer(m->timer, intervalMs, m) != 0) return kStartFailed;
+    m->started = 1;
+    return 0;
+}
+
+void QOSA_TimeoutFuncOfGrp(void* member) {
+    auto* m = static_cast<QOSA_RelTimerGrpEntry*>(member);
+    if (m == nullptr || m->proc == nullptr) return;
+    m->proc(m->index, __atomic_load_n(&m->userValue, __ATOMIC_RELAXED));
+}
+
+u32 QOSA_StopRelTimerofGrp(QOSA_RelTimerGrp* grp, u32 index) {
+    if (grp == nullptr) return kStopNullGroup;
+    if (grp->valid != 1) return kStopInvalidGroup;
+    if (index >= grp->count) return kStopBadIndex;
+    QOSA_RelTimerGrpEntry* m = &grp->entries[index];
+    if (m->started == 0) return kStopNotStarted;
+    if (QOSA_StopRelTimer_Safe(m->timer, nullptr, nullptr) != 0 || QOSA_FreeRelTimer(m->timer) != 0) return kStopFailed;
+    m->timer = nullptr;
+    m->started = 0;
+    return 0;
+}
+
+u32 QOSA_FreeRelTimerGrp(QOSA_RelTimerGrp* grp) {
+    if (grp == nullptr) return kFreeNullGroup;
+    if (grp->valid != 1) return kFreeInvalidGroup;
+    if (grp->entries != nullptr) {
+        for (u32 i = 0; i < grp->count; ++i) {
+            QOSA_RelTimerGrpEntry* m = &grp->entries[i];
+            if (m->timer == nullptr) continue;
+            if (QOSA_FreeRelTimer(m->timer) != 0) return kFreeMemberFailed;
+            m->timer = nullptr; // a retry after a failure does not free it twice
+            m->started = 0;
+        }
+        QOSA_RelTimerGrpEntry* entries = grp->entries;
+        grp->entries = nullptr;
+        release(entries);
+    }
+    release(grp);
+    return 0;
+}
+
+} // extern "C"

@@ -1,0 +1,487 @@
+// Relative timers: the index behind the handles, the 1024-bucket timing
+// wheel and the pass that the timer thread runs every tick.
+//
+// Caller threads only test handles under relIndexLock, move slots, change the
+// count and queue requests on _tsklets (always while holding relIndexLock, so
+// the queue order follows the order of the handle tests). The timer thread
+// drains _tsklets at the start of every pass and alone touches the wheel.
+#define QOSA_UNIT_NAME "tmr_pereltm.c"
+
+#include <cerrno>
+#include <cstdint>
+#include <initializer_list>
+
+#include "internal/common.h"
+#include "internal/timer_service.h"
+#include "qosa_mem.h"
+#include "qosa_time.h"
+#include "qosa_timer.h"
+
+extern "C" {
+u32 ulMaxReltmNum = 2000;
+s32 g_reltmNum = 0; // updated with atomic operations only
+void** g_szRelTimer = nullptr;
+void** g_pRelHead = nullptr;
+void** g_pRelTail = nullptr;
+}
+
+namespace {
+
+struct Link {
+    Link* next;
+    Link* prev;
+};
+
+struct reltimer {
+    Link link; // next, prev: the wheel list; the record itself when in none
+    u32 interval;
+    u32 expire; // bits 0-9 the bucket, bits 10-28 revolutions (delta-coded in far lists)
+    QOSA_TimerProc timeout_proc;
+    void* arg; // written by the timer thread, read by the SafeEx stop: atomic
+    u32 mode;
+    u32 in_far;
+    s32 index;
+    u32 line;         // atomic: set by the creator, read by the warning
+    const char* file; // atomic, likewise
+};
+static_assert(offsetof(reltimer, link) == 0, "a record is reached from its list link");
+
+struct Bucket {
+    Link near; // expire the next time the bucket is reached
+    Link far;  // one or more revolutions away, sorted, delta-coded
+};
+
+constexpr u32 kBuckets = 1024;
+constexpr u32 kBucketMask = kBuckets - 1;
+constexpr u32 kRevMask = 0x1FFFFC00u;
+constexpr u32 kLongCallbackMs = 101;
+
+struct reltm_start_req {
+    reltimer* t;
+    u32 interval;
+    void* arg;
+};
+struct tm_stop_req {
+    reltimer* t;
+    QOSA_TimerDoneProc done;
+    void* doneArg;
+};
+
+// The index: guarded by relIndexLock, which lives for the whole process so
+// that calls made while the service is down find it and are refused.
+QosaMutex relIndexLock = QOSA_MUTEX_INITIALIZER;
+u32 s_slots = 0;      // slots of g_szRelTimer
+bool s_relUp = false; // set up and accepting requests (apart from the quitting flag)
+
+tsklet_head _tsklets;
+
+// The wheel: the timer thread's alone.
+Bucket* _tm_hash = nullptr;
+u32 _tick_last = 0;
+
+// ---- the index (relIndexLock held) ----
+
+bool in_array(const void* p) {
+    auto a = reinterpret_cast<std::uintptr_t>(p);
+    auto base = reinterpret_cast<std::uintptr_t>(g_szRelTimer);
+    return g_szRelTimer != nullptr && a >= base && a < base + std::uintptr_t{s_slots} * sizeof(void*);
+}
+
+// The handle test: a slot of the array holding a live record.
+reltimer* live(void* h) {
+    if (h == nullptr || !in_array(h)) return nullptr;
+    if ((reinterpret_cast<std::uintptr_t>(h) - reinterpret_cast<std::uintptr_t>(g_szRelTimer)) % sizeof(void*) != 0)
+        return nullptr;
+    void* content = *static_cast<void**>(h);
+    return content == nullptr || in_array(content) ? nullptr : static_cast<reltimer*>(content);
+}
+
+bool accepting() { return s_relUp && petimer_isQuiting() == 0; }
+
+bool slot_holds(const reltimer* t) {
+    return g_szRelTimer != nullptr && t->index >= 0 && static_cast<u32>(t->index) < s_slots &&
+           g_szRelTimer[t->index] == t;
+}
+
+// Back to the tail of the free list, so a slot is reused as late as possible.
+void release_slot(void** slot) {
+    *slot = nullptr;
+    if (g_pRelTail != nullptr)
+        *g_pRelTail = slot;
+    else
+        g_pRelHead = slot;
+    g_pRelTail = slot;
+}
+
+void count_down() { __atomic_fetch_sub(&g_reltmNum, 1, __ATOMIC_ACQ_REL); }
+
+void* take(std::size_t size) { return QOSA_MemTypeMallocD(static_cast<u32>(size), 0, QOSA_HERE); }
+void give_back(void* p) { QOSA_MemTypeFreeD(p, 0, QOSA_HERE); }
+
+// ---- the wheel (timer thread) ----
+
+reltimer* rec(Link* l) { return reinterpret_cast<reltimer*>(l); }
+
+void self_link(reltimer* t) { t->link.next = t->link.prev = &t->link; }
+
+void link_before(Link* at, reltimer* t) {
+    t->link.next = at;
+    t->link.prev = at->prev;
+    at->prev->next = &t->link;
+    at->prev = &t->link;
+}
+
+void take_out(reltimer* t) {
+    t->link.prev->next = t->link.next;
+    t->link.next->prev = t->link.prev;
+    self_link(t);
+}
+
+// A far record's revolutions are counted from its predecessor, so the
+// successor of a record leaving a far list inherits them.
+void unlink(reltimer* t) {
+    if (t->link.next == &t->link) return;
+    Link* succ = t->link.next;
+    if (t->in_far != 0 && succ != &_tm_hash[t->expire & kBucketMask].far) rec(succ)->expire += t->expire & ~kBucketMask;
+    take_out(t);
+}
+
+u32 ticks_of(u32 intervalMs) {
+    u32 rounded = intervalMs + 5;
+    return rounded < 10 ? 1 : rounded / 10;
+}
+
+void place(reltimer* t, u32 ticks) {
+    t->expire = (ticks & kRevMask) | ((_tick_last + ticks) & kBucketMask);
+    Bucket& b = _tm_hash[t->expire & kBucketMask];
+    if (ticks < kBuckets) {
+        t->in_far = 0;
+        link_before(&b.near, t);
+        return;
+    }
+    Link* at = b.far.next;
+    for (; at != &b.far; at = at->next) {
+        if (rec(at)->expire > t->expire) break;
+        t->expire -= rec(at)->expire & ~kBucketMask;
+    }
+    link_before(at, t);
+    t->in_far = 1;
+    if (at != &b.far) rec(at)->expire -= t->expire & ~kBucketMask;
+}
+
+// ---- requests, carried out on the timer thread ----
+
+void _do_start_tm(void* p) {
+    auto* req = static_cast<reltm_start_req*>(p);
+    reltimer* t = req->t;
+    unlink(t);
+    t->interval = req->interval;
+    __atomic_store_n(&t->arg, req->arg, __ATOMIC_RELAXED);
+    place(t, ticks_of(req->interval));
+    give_back(req);
+}
+
+void _do_restart_tm(void* p) {
+    auto* t = static_cast<reltimer*>(p);
+    unlink(t);
+    place(t, ticks_of(t->interval));
+}
+
+void _do_stop_tm(void* p) {
+    auto* req = static_cast<tm_stop_req*>(p);
+    unlink(req->t);
+    if (req->done != nullptr) req->done(req->doneArg);
+    give_back(req);
+}
+
+void _do_free_tm(void* p) {
+    auto* t = static_cast<reltimer*>(p);
+    unlink(t);
+    give_back(t);
+}
+
+void _do_free_tm_arg(void* p) { give_back(p); }
+
+// Queues fn(req) for the timer in handle h when h passes the handle test;
+// `filled` completes the request under the lock. The request is released
+// when it is not queued.
+template <class Fill>
+u32 request(void* h, void* req, tsklet_fn fn, Fill filled) {
+    if (req == nullptr) {
+        errno = ENOMEM;
+        return ENOMEM;
+    }
+    u32 ret = EINVAL;
+    {
+        MutexGuard lock(&relIndexLock);
+        if (reltimer* t = accepting() ? live(h) : nullptr; t != nullptr) {
+            filled(t);
+            ret = tsklet_invokelater(&_tsklets, fn, req);
+        }
+    }
+    if (ret != 0) give_back(req);
+    return ret;
+}
+
+// ---- the pass ----
+
+void _trigger_a_reltimer(reltimer* t) {
+    take_out(t);
+    const u32 mode = t->mode & 3u;
+    {
+        // A timer whose handle was freed meanwhile does not fire; a periodic
+        // one is re-armed at the front, ahead of any stop or free that its
+        // callback or another thread queues while it runs.
+        MutexGuard lock(&relIndexLock);
+        if (!accepting() || !slot_holds(t)) return;
+        if (mode == QOSA_TIMER_LOOP) tsklet_invokefirst(&_tsklets, _do_restart_tm, t);
+    }
+    u32 start = QOSA_GetSysRunTime();
+    t->timeout_proc(__atomic_load_n(&t->arg, __ATOMIC_RELAXED));
+    u32 took = QOSA_GetSysRunTime() - start;
+    if (took >= kLongCallbackMs) {
+        const char* file = __atomic_load_n(&t->file, __ATOMIC_RELAXED);
+        u32 line = file != nullptr ? __atomic_load_n(&t->line, __ATOMIC_RELAXED) : 0;
+        qosa_timer_debug("warning: timer_timeout_proc execution time is too long! timer[%s:%d] takes time %d\n",
+                         file != nullptr ? file : "unknown", static_cast<int>(line), static_cast<int>(took));
+    }
+    if ((mode & QOSA_TIMER_ONCE_FREE) != 0) {
+        MutexGuard lock(&relIndexLock);
+        if (accepting() && slot_holds(t) && tsklet_invokelater(&_tsklets, _do_free_tm, t) == 0) {
+            release_slot(&g_szRelTimer[t->index]);
+            count_down();
+        }
+    }
+}
+
+void _reltm_trigger(s64 n) {
+    reltmr_post_tasklet();
+    if (_tm_hash == nullptr) return;
+    for (; n > 0; --n) {
+        Bucket& b = _tm_hash[_tick_last & kBucketMask];
+        for (Link* l = b.near.next; l != &b.near;) {
+            Link* next = l->next;
+            _trigger_a_reltimer(rec(l));
+            l = next;
+        }
+        while (b.far.next != &b.far) {
+            reltimer* first = rec(b.far.next);
+            if (first->expire > kBucketMask) {
+                first->expire -= kBuckets; // one revolution has passed
+                break;
+            }
+            _trigger_a_reltimer(first);
+        }
+        ++_tick_last;
+    }
+}
+
+// Frees a record that is still in its slot, with the slot and the count.
+void drop(reltimer* t) {
+    if (slot_holds(t)) {
+        release_slot(&g_szRelTimer[t->index]);
+        count_down();
+    }
+    give_back(t);
+}
+
+} // namespace
+
+namespace qosa::timer {
+
+void reltimer_set_origin(void* h, u32 line, const char* file) {
+    MutexGuard lock(&relIndexLock);
+    if (reltimer* t = live(h); t != nullptr) {
+        __atomic_store_n(&t->line, line, __ATOMIC_RELAXED);
+        __atomic_store_n(&t->file, file, __ATOMIC_RELAXED);
+    }
+}
+
+void reltm_trigger(s64 n) { _reltm_trigger(n); }
+
+u32 reltm_tick_last() { return _tick_last; }
+
+} // namespace qosa::timer
+
+extern "C" {
+
+u32 init_RelIndex(void) {
+    MutexGuard lock(&relIndexLock);
+    if (!lock.locked()) return 1;
+    if (g_szRelTimer != nullptr) give_back(g_szRelTimer);
+    g_szRelTimer = g_pRelHead = g_pRelTail = nullptr;
+    s_slots = 0;
+    const u32 n = __atomic_load_n(&ulMaxReltmNum, __ATOMIC_RELAXED);
+    if (n == 0) return 0;
+    if (n > UINT32_MAX / sizeof(void*)) {
+        errno = ENOMEM;
+        return ENOMEM;
+    }
+    auto** slots = static_cast<void**>(take(std::size_t{n} * sizeof(void*)));
+    if (slots == nullptr) {
+        errno = ENOMEM;
+        return ENOMEM;
+    }
+    for (u32 i = 0; i + 1 < n; ++i)
+        slots[i] = &slots[i + 1];
+    slots[n - 1] = nullptr;
+    g_szRelTimer = slots;
+    g_pRelHead = &slots[0];
+    g_pRelTail = &slots[n - 1];
+    s_slots = n;
+    return 0;
+}
+
+u32 init_reltm(void) {
+    if (u32 ret = petimer_register_tickhook(_reltm_trigger, 1); ret != 0) return ret;
+    if (s32 ret = tsklet_init(&_tsklets); ret != 0) {
+        petimer_deregister_tickhook(_reltm_trigger);
+        return static_cast<u32>(ret);
+    }
+    u32 ret = init_RelIndex();
+    _tick_last = 0;
+    if (ret == 0) {
+        _tm_hash = static_cast<Bucket*>(take(kBuckets * sizeof(Bucket)));
+        if (_tm_hash == nullptr) {
+            MutexGuard lock(&relIndexLock);
+            give_back(g_szRelTimer);
+            g_szRelTimer = g_pRelHead = g_pRelTail = nullptr;
+            s_slots = 0;
+            errno = ENOMEM;
+            ret = ENOMEM;
+        }
+    }
+    if (ret != 0) {
+        tsklet_delinit(&_tsklets);
+        petimer_deregister_tickhook(_reltm_trigger);
+        return ret;
+    }
+    for (u32 i = 0; i < kBuckets; ++i) {
+        _tm_hash[i].near = Link{&_tm_hash[i].near, &_tm_hash[i].near};
+        _tm_hash[i].far = Link{&_tm_hash[i].far, &_tm_hash[i].far};
+    }
+    MutexGuard lock(&relIndexLock);
+    s_relUp = true;
+    return 0;
+}
+
+u32 delinit_reltm(void) {
+    {
+        // The callers are refused from here on; the lock orders this walk
+        // against their handle tests.
+        MutexGuard lock(&relIndexLock);
+        s_relUp = false;
+        tsklet_delinit(&_tsklets);
+        if (_tm_hash != nullptr) {
+            for (u32 i = 0; i < kBuckets; ++i) {
+                for (Link* list : {&_tm_hash[i].near, &_tm_hash[i].far}) {
+                    for (Link* l = list->next; l != list;) {
+                        Link* next = l->next;
+                        drop(rec(l));
+                        l = next;
+                    }
+                }
+            }
+            give_back(_tm_hash);
+            _tm_hash = nullptr;
+        }
+        for (u32 i = 0; i < s_slots; ++i) {
+            if (g_szRelTimer[i] != nullptr && !in_array(g_szRelTimer[i])) drop(static_cast<reltimer*>(g_szRelTimer[i]));
+        }
+        if (g_szRelTimer != nullptr) {
+            memset_s(g_szRelTimer, std::size_t{s_slots} * sizeof(void*), 0, std::size_t{s_slots} * sizeof(void*));
+            give_back(g_szRelTimer);
+        }
+        g_szRelTimer = g_pRelHead = g_pRelTail = nullptr;
+        s_slots = 0;
+    }
+    petimer_deregister_tickhook(_reltm_trigger);
+    return 0;
+}
+
+void* petimer_create_reltimer(QOSA_TimerProc proc, u32 mode) {
+    if (proc == nullptr) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    auto* t = static_cast<reltimer*>(take(sizeof(reltimer)));
+    if (t == nullptr) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    *t = reltimer{{}, 0, 0, proc, nullptr, mode & 0xFFu, 0, -1, 0xDEADDEADu, nullptr};
+    self_link(t);
+    {
+        MutexGuard lock(&relIndexLock);
+        if (accepting() && g_pRelHead != nullptr) {
+            void** slot = g_pRelHead;
+            g_pRelHead = static_cast<void**>(*slot);
+            if (g_pRelHead == nullptr) g_pRelTail = nullptr;
+            *slot = t;
+            t->index = static_cast<s32>(slot - g_szRelTimer);
+            return slot;
+        }
+    }
+    give_back(t);
+    return nullptr;
+}
+
+u32 petimer_start_reltimer(void* h, u32 intervalMs, void* arg) {
+    auto* req = static_cast<reltm_start_req*>(take(sizeof(reltm_start_req)));
+    return request(h, req, _do_start_tm, [=](reltimer* t) { *req = reltm_start_req{t, intervalMs, arg}; });
+}
+
+u32 petimer_stop_reltimer_safe(void* h, QOSA_TimerDoneProc done, void* doneArg) {
+    auto* req = static_cast<tm_stop_req*>(take(sizeof(tm_stop_req)));
+    return request(h, req, _do_stop_tm, [=](reltimer* t) { *req = tm_stop_req{t, done, doneArg}; });
+}
+
+u32 petimer_stop_reltimer_safeEx(void* h, QOSA_TimerDoneProc done, void* doneArg, void** outArg) {
+    if (outArg == nullptr) return EINVAL;
+    auto* req = static_cast<tm_stop_req*>(take(sizeof(tm_stop_req)));
+    return request(h, req, _do_stop_tm, [=](reltimer* t) {
+        *req = tm_stop_req{t, done, doneArg};
+        *outArg = __atomic_load_n(&t->arg, __ATOMIC_RELAXED);
+    });
+}
+
+u32 petimer_free_reltimer(void* h) {
+    MutexGuard lock(&relIndexLock);
+    reltimer* t = accepting() ? live(h) : nullptr;
+    if (t == nullptr) return EINVAL;
+    // The slot goes back only once the release is queued: without memory
+    // for it the handle stays valid and the caller may try again.
+    u32 ret = tsklet_invokelater(&_tsklets, _do_free_tm, t);
+    if (ret == 0) {
+        release_slot(static_cast<void**>(h));
+        count_down();
+    }
+    return ret;
+}
+
+u32 petimer_free_reltimerarg_safe(void* block) {
+    MutexGuard lock(&relIndexLock);
+    return accepting() ? tsklet_invokelater(&_tsklets, _do_free_tm_arg, block) : EINVAL;
+}
+
+u32 petimer_start_reltimer_simple(u32 intervalMs, QOSA_TimerProc proc, void* arg) {
+    void* h = petimer_create_reltimer(proc, QOSA_TIMER_ONCE_FREE);
+    if (h == nullptr) return ENOMEM;
+    __atomic_fetch_add(&g_reltmNum, 1, __ATOMIC_ACQ_REL);
+    u32 ret = petimer_start_reltimer(h, intervalMs, arg);
+    if (ret != 0) {
+        // Nothing refers to the timer but its slot (unless the teardown of a
+        // stop took it already): release it uncounted.
+        MutexGuard lock(&relIndexLock);
+        if (reltimer* t = live(h); t != nullptr) drop(t);
+    }
+    return ret;
+}
+
+s32 reltmr_post_tasklet(void) { return tsklet_invokeall(&_tsklets); }
+
+s32 reltmr_idxLock(void) { return QOSA_MutexLock(&relIndexLock); }
+
+s32 reltmr_idxUnLock(void) { return QOSA_MutexUnLock(&relIndexLock); }
+
+} // extern "C"

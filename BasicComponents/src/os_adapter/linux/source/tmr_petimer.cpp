@@ -1,0 +1,213 @@
+// The timer thread: starting and stopping the service, the 10-ms loop with
+// its tick accounting, the tick hooks and the service flags.
+#define QOSA_UNIT_NAME "tmr_petimer.c"
+
+#include <sys/time.h>
+
+#include <cerrno>
+
+#include "internal/common.h"
+#include "internal/timer_service.h"
+#include "qosa_mem.h"
+#include "qosa_socket.h"
+#include "qosa_thread.h"
+#include "qosa_time.h"
+#include "qosa_timer.h"
+
+namespace {
+
+struct tickhook {
+    tickhook* next;
+    petimer_tickhook_fn hook;
+    s64 period;
+    s64 elapsed;
+};
+
+// Changed only while no timer thread runs (start, under s_tmr_instance_mutex)
+// and by the timer thread itself while it ends; the timer thread reads it.
+tickhook* _hook_head = nullptr;
+
+QosaMutex s_tmr_instance_mutex = QOSA_MUTEX_INITIALIZER;
+u8 s_tmr_init = 0;          // atomic: read by the limit setters of other threads
+s32 g_timer_quiting = 0;    // atomic: read without a lock by every timer operation
+pthread_t g_timerThrId = 0; // atomic: cleared by the timer thread when it ends
+
+constexpr u32 kTickMs = 10;
+
+s32 quitting() { return __atomic_load_n(&g_timer_quiting, __ATOMIC_ACQUIRE); }
+
+void run_hooks(s64 ticks) {
+    for (tickhook* h = _hook_head; h != nullptr;) {
+        tickhook* next = h->next;
+        h->elapsed += ticks;
+        if (h->elapsed >= h->period) {
+            s64 gathered = h->elapsed;
+            h->elapsed = 0;
+            h->hook(gathered);
+        }
+        h = next;
+    }
+}
+
+// A clock difference taken modulo 2^32; 2^31 or more is a step back: 0.
+u32 forward(u32 diff) { return static_cast<s32>(diff) < 0 ? 0 : diff; }
+
+} // namespace
+
+namespace qosa::timer {
+
+u8 service_set_up() { return __atomic_load_n(&s_tmr_init, __ATOMIC_ACQUIRE); }
+
+u32 sleep_us(u32 passedMs) { return 10000u - ((forward(passedMs) * 1000u) % 10000u); }
+
+CycleTicks cycle_ticks(u32 passedMs, u32 plannedUs, u32 sleptMs, s64 carry) {
+    s64 ticks = forward(passedMs) / kTickMs;
+    // A clock that did not advance over the sleep (or stepped back) leaves
+    // the carry alone: the sleep counts its one tick and nothing more.
+    if (s64 slept = forward(sleptMs); slept > 0) carry += s64{plannedUs / 1000u} - slept;
+    if (carry > -static_cast<s64>(kTickMs)) {
+        if (carry >= kTickMs) { // woke early: withhold one tick per cycle
+            carry -= kTickMs;
+            ticks -= 1;
+        }
+    } else { // overslept: make the whole ticks good
+        s64 k = -carry / kTickMs;
+        carry += k * kTickMs;
+        ticks += k;
+    }
+    // A burst is handed over in slices; the rest waits in the carry.
+    if (ticks > kMaxTicksPerCycle - 1) {
+        carry -= (ticks - (kMaxTicksPerCycle - 1)) * kTickMs;
+        ticks = kMaxTicksPerCycle - 1;
+    }
+    return {ticks < 0 ? 0 : ticks + 1, carry}; // the sleep itself is one tick
+}
+
+int tickhook_count() {
+    int n = 0;
+    for (tickhook* h = _hook_head; h != nullptr; h = h->next)
+        ++n;
+    return n;
+}
+
+} // namespace qosa::timer
+
+extern "C" {
+
+// ---- Tick hooks and service flags ----
+
+u32 petimer_register_tickhook(petimer_tickhook_fn hook, s64 period) {
+    if (hook == nullptr || period < 1) return EINVAL;
+    auto* h = static_cast<tickhook*>(QOSA_MemTypeMallocD(sizeof(tickhook), 0, QOSA_HERE));
+    if (h == nullptr) {
+        errno = ENOMEM;
+        return ENOMEM;
+    }
+    *h = tickhook{_hook_head, hook, period, 0};
+    _hook_head = h;
+    return 0;
+}
+
+u32 petimer_deregister_tickhook(petimer_tickhook_fn hook) {
+    if (hook == nullptr) return EINVAL;
+    for (tickhook** link = &_hook_head; *link != nullptr; link = &(*link)->next) {
+        if ((*link)->hook == hook) {
+            tickhook* h = *link;
+            *link = h->next;
+            QOSA_MemTypeFreeD(h, 0, QOSA_HERE);
+            break;
+        }
+    }
+    return 0;
+}
+
+u32 petimer_isQuiting(void) { return static_cast<u32>(quitting()); }
+
+pthread_t petimer_getTreadId(void) { return __atomic_load_n(&g_timerThrId, __ATOMIC_ACQUIRE); }
+
+void petimer_setTreadId(pthread_t tid) { __atomic_store_n(&g_timerThrId, tid, __ATOMIC_RELEASE); }
+
+void petimer_setQuitingFlag(u32 value, s32 withLocks) {
+    if (withLocks != 0) {
+        reltmr_idxLock();
+        abstmr_indexLock();
+    }
+    __atomic_store_n(&g_timer_quiting, static_cast<s32>(value), __ATOMIC_RELEASE);
+    if (withLocks != 0) {
+        abstmr_indexUnLock();
+        reltmr_idxUnLock();
+    }
+}
+
+// ---- The timer thread ----
+
+// The start under s_tmr_instance_mutex; *started tells that this call set
+// the service up.
+static u32 start_locked(pthread_t* outTid, const pthread_attr_t* attr, bool* started) {
+    MutexGuard lock(&s_tmr_instance_mutex);
+    if (qosa::timer::service_set_up() == 1) return 0;
+    // A stop is still winding down: a thread started now would end at once.
+    if (quitting() != 0) return QOSA_ERROR;
+    // The absolute set-up registers its hook first and the relative set-up
+    // second; registration adds at the front, so the relative pass runs
+    // first in every cycle.
+    if (u32 ret = init_abstm(); ret != 0) return ret;
+    if (u32 ret = init_reltm(); ret != 0) {
+        delinit_abstm();
+        return ret;
+    }
+    pthread_t tid{};
+    s32 created = QOSA_PthreadCreate(&tid, attr, petimer_proc, nullptr);
+    if (created != 0) {
+        delinit_reltm();
+        delinit_abstm();
+        tid = pthread_t{};
+    }
+    if (outTid != nullptr) *outTid = tid;
+    petimer_setTreadId(tid);
+    if (created != 0) return static_cast<u32>(created);
+    __atomic_store_n(&s_tmr_init, u8{1}, __ATOMIC_RELEASE);
+    *started = true;
+    return 0;
+}
+
+u32 petimer_start(pthread_t* outTid, const pthread_attr_t* attr) {
+    bool started = false;
+    u32 ret = start_locked(outTid, attr, &started);
+    // Traced after the start lock is released: the trace receiver may itself
+    // create a timer, which goes through this function again.
+    if (started) qosa_timer_debug("Timer initialize success.\n");
+    return ret;
+}
+
+s32 petimer_stop(pthread_t tid) {
+    s32 ret = QOSA_PthreadJoin(tid, nullptr);
+    MutexGuard lock(&s_tmr_instance_mutex);
+    __atomic_store_n(&s_tmr_init, u8{0}, __ATOMIC_RELEASE);
+    return ret;
+}
+
+void* petimer_proc(void*) {
+    u32 last = QOSA_GetSysRunTime();
+    s64 carry = 0;
+    while (quitting() == 0) {
+        u32 now = QOSA_GetSysRunTime();
+        u32 passed = now - last;
+        u32 sleepUs = qosa::timer::sleep_us(passed);
+        timeval tv{0, static_cast<suseconds_t>(sleepUs)};
+        QOSA_Select(0, nullptr, nullptr, nullptr, &tv);
+        last = QOSA_GetSysRunTime();
+        auto cycle = qosa::timer::cycle_ticks(passed, sleepUs, last - now, carry);
+        carry = cycle.carry;
+        if (cycle.ticks > 0) run_hooks(cycle.ticks);
+    }
+    // Every request queued before the stop still runs; then every timer goes.
+    reltmr_post_tasklet();
+    abstmr_post_tasklet();
+    delinit_reltm();
+    delinit_abstm();
+    petimer_setTreadId(pthread_t{});
+    return nullptr;
+}
+
+} // extern "C"

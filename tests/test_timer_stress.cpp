@@ -1,0 +1,138 @@
+// The timer service under churn, with memory tracking on for the whole
+// process: four threads create, start, stop and free relative timers; no
+// callback may run once its timer's free has completed, the live count goes
+// back to 0, and after the stop no block of the service or of its callers'
+// released arguments is left.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <new>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "qosa.h"
+#include "sanitizers.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+const char kFile[] = "test_timer_stress.cpp";
+
+struct TrackingOn : ::testing::Environment {
+    void SetUp() override { QOSA_MemInitMemMange(); }
+};
+[[maybe_unused]] auto* s_env = ::testing::AddGlobalTestEnvironment(new TrackingOn);
+
+// A timer's argument: a tracked block, released with QOSA_FreeRelTimerArg_safe.
+struct Ctx {
+    std::atomic<int> dead{0};
+    std::atomic<int> fired{0};
+};
+Ctx* make_ctx() { return new (QOSA_MemTypeMallocD(sizeof(Ctx), QOSA_MEM_DYN, __LINE__, kFile)) Ctx; }
+
+std::atomic<long> s_fired{0}, s_late{0};
+std::atomic<int> s_liveAtDone{0};
+
+// The live counts change on the timer thread: read them atomically.
+s32 live(s32& count) { return std::atomic_ref<s32>(count).load(); }
+
+void on_fire(void* arg) {
+    auto* c = static_cast<Ctx*>(arg);
+    if (c->dead.load() != 0) s_late++;
+    c->fired++;
+    s_fired++;
+}
+void mark_dead(void* arg) { static_cast<Ctx*>(arg)->dead = 1; }
+void note_live(void* arg) { s_liveAtDone = sysMemCheckUserAddr(arg) != nullptr ? 1 : -1; }
+
+// Live tracked blocks made by the timer units or by this file.
+u32 blocks_left() {
+    u32 n = 0;
+    for (const char* filter : {"tmr_", "timer_stress"}) {
+        QOSA_MEM_REC_S* recs = nullptr;
+        n += sysMemSortMemInfo(&recs, const_cast<char*>(filter), 2);
+        std::free(recs);
+    }
+    return n;
+}
+
+// Each thread keeps a pool of timers and, about once a millisecond, makes,
+// restarts or frees one of them, so timers live for about 150 ms and periodic
+// ones fire several times.
+void churn(unsigned seed, Clock::time_point end) {
+    std::mt19937 rng(seed);
+    auto pick = [&](u32 lo, u32 hi) { return lo + rng() % (hi - lo + 1); };
+    // Never started: a stop of it queued after a free completes after that free.
+    void* marker = QOSA_CreateRelTimerM(on_fire, QOSA_TIMER_LOOP, __LINE__, kFile);
+    ASSERT_NE(marker, nullptr);
+    struct Live {
+        void* h = nullptr;
+        Ctx* c = nullptr;
+    } pool[16];
+    auto release = [&](Live& t) {
+        if (pick(0, 1) == 0) {
+            ASSERT_EQ(QOSA_StopRelTimer_Safe(t.h, mark_dead, t.c), 0u);
+            ASSERT_EQ(QOSA_FreeRelTimer(t.h), 0u);
+        } else {
+            ASSERT_EQ(QOSA_FreeRelTimer(t.h), 0u);
+            ASSERT_EQ(QOSA_StopRelTimer_Safe(marker, mark_dead, t.c), 0u);
+        }
+        ASSERT_EQ(QOSA_FreeRelTimerArg_safe(t.c), 0u);
+        t = Live{};
+    };
+    while (Clock::now() < end) {
+        Live& t = pool[pick(0, 15)];
+        u32 action = pick(0, 9);
+        if (t.h == nullptr) {
+            t.c = make_ctx();
+            t.h = QOSA_CreateRelTimerM(on_fire, pick(0, 1), __LINE__, kFile);
+            ASSERT_NE(t.h, nullptr);
+            ASSERT_EQ(QOSA_StartRelTimer(t.h, pick(10, 200), t.c), 0u);
+        } else if (action == 0) {
+            release(t);
+        } else if (action == 1) { // restarted, perhaps while it fires
+            ASSERT_EQ(QOSA_StartRelTimer(t.h, pick(10, 200), t.c), 0u);
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    for (Live& t : pool)
+        if (t.h != nullptr) release(t);
+    ASSERT_EQ(QOSA_FreeRelTimer(marker), 0u);
+}
+
+} // namespace
+
+TEST(TimerStress, ArgumentReleaseRunsAfterEveryEarlierRequest) {
+    Ctx* c = make_ctx();
+    void* h = QOSA_CreateRelTimerM(on_fire, QOSA_TIMER_LOOP, __LINE__, kFile);
+    ASSERT_EQ(QOSA_StartRelTimer(h, 10, c), 0u);
+    auto end = Clock::now() + 2s;
+    while (c->fired == 0 && Clock::now() < end)
+        std::this_thread::sleep_for(2ms);
+    ASSERT_EQ(QOSA_StopRelTimer_Safe(h, note_live, c), 0u);
+    ASSERT_EQ(QOSA_FreeRelTimer(h), 0u);
+    ASSERT_EQ(QOSA_FreeRelTimerArg_safe(c), 0u);
+    ASSERT_EQ(QOSA_StopTimerTask(), 0u);
+    EXPECT_EQ(s_liveAtDone, 1) << "the block was still there when the earlier stop completed";
+    EXPECT_EQ(blocks_left(), 0u);
+}
+
+TEST(TimerStress, FourThreadsChurnRelativeTimers) {
+    auto span = qosa_test::kUnderTsan || qosa_test::kUnderAsan ? 2s : 5s;
+    auto end = Clock::now() + span;
+    std::vector<std::thread> threads;
+    for (unsigned i = 0; i < 4; ++i)
+        threads.emplace_back(churn, 1234 + i, end);
+    for (std::thread& t : threads)
+        t.join();
+    EXPECT_EQ(live(g_reltmNum), 0);
+    EXPECT_EQ(QOSA_StopTimerTask(), 0u);
+    EXPECT_GT(s_fired, 0);
+    EXPECT_EQ(s_late, 0) << "a callback ran after its timer's free completed";
+    EXPECT_EQ(blocks_left(), 0u);
+}
