@@ -12,6 +12,7 @@ struct GuardCase {
     const char* name;                   // the entry point (one row per guarded argument is fine: add a suffix)
     std::function<std::int64_t()> call; // calls it with the missing argument
     std::int64_t refusal;               // what it must return
+    int lastError = 0;                  // 0: the last error is left alone; else what the refusal sets
 };
 
 std::vector<GuardCase>& guard_registry();

@@ -1,5 +1,7 @@
 // Guarded entry points of the timer service. None of these rows starts the
 // service: the refusals come before any set-up.
+#include <cerrno>
+
 #include "guard_cases.h"
 #include "qosa.h"
 
@@ -45,8 +47,9 @@ static GuardRows s_rows{
     {"petimer_free_abstimer", [] { return v(petimer_free_abstimer(nullptr)); }, 22},
     {"petimer_relAbsIndex", [] { return v(petimer_relAbsIndex(nullptr)); }, 22},
     {"QOSA_StopTimerTask_NotRunning", [] { return v(QOSA_StopTimerTask()); }, kFail},
-    {"QOSA_CreateAbsTimerM", [] { return as_flag(QOSA_CreateAbsTimerM(nullptr, QOSA_TIMER_LOOP)); }, 0},
-    {"QOSA_CreateRelTimerM", [] { return as_flag(QOSA_CreateRelTimerM(nullptr, QOSA_TIMER_LOOP, 1, "f.c")); }, 0},
+    {"QOSA_CreateAbsTimerM", [] { return as_flag(QOSA_CreateAbsTimerM(nullptr, QOSA_TIMER_LOOP)); }, 0, EINVAL},
+    {"QOSA_CreateRelTimerM", [] { return as_flag(QOSA_CreateRelTimerM(nullptr, QOSA_TIMER_LOOP, 1, "f.c")); }, 0,
+     EINVAL},
     {"QOSA_StartAbsTimer_NoHandle", [] { return v(QOSA_StartAbsTimer(nullptr, &s_when, nullptr)); }, 22},
     {"QOSA_StartAbsTimer_NoWhen", [] { return v(QOSA_StartAbsTimer(kForeign, nullptr, nullptr)); }, 22},
     {"QOSA_StartRelTimer", [] { return v(QOSA_StartRelTimer(nullptr, 10, nullptr)); }, 22},
@@ -57,7 +60,7 @@ static GuardRows s_rows{
     {"QOSA_FreeAbsTimer", [] { return v(QOSA_FreeAbsTimer(nullptr)); }, 22},
     {"QOSA_FreeRelTimer", [] { return v(QOSA_FreeRelTimer(nullptr)); }, 22},
     {"QOSA_FreeRelTimerArg_safe_ServiceDown", [] { return v(QOSA_FreeRelTimerArg_safe(nullptr)); }, 22},
-    {"QOSA_StartRelTimer_Simple", [] { return v(QOSA_StartRelTimer_Simple(10, nullptr, nullptr)); }, 12},
+    {"QOSA_StartRelTimer_Simple", [] { return v(QOSA_StartRelTimer_Simple(10, nullptr, nullptr)); }, 12, EINVAL},
     {"qosa_timer_debug",
      [] {
          qosa_timer_debug(nullptr);

@@ -19,7 +19,10 @@ TEST_P(Guards, MissingArgumentIsRefused) {
     const GuardCase& c = GetParam();
     errno = 4321;
     EXPECT_EQ(c.call(), c.refusal) << c.name;
-    EXPECT_EQ(errno, 4321) << c.name << " must leave the last error alone";
+    if (c.lastError == 0)
+        EXPECT_EQ(errno, 4321) << c.name << " must leave the last error alone";
+    else
+        EXPECT_EQ(errno, c.lastError) << c.name;
 }
 
 INSTANTIATE_TEST_SUITE_P(AllEntryPoints, Guards, ::testing::ValuesIn(guard_registry()),

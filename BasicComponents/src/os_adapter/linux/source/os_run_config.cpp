@@ -61,6 +61,8 @@ u32 parse_cpu_line(const char* text, CpuSample* sample) {
 }
 
 u32 busy_rate(const CpuSample& a, const CpuSample& b) {
+    // Counters that went back (the idle count can, on some kernels) give 0.
+    if (b.user + b.nice + b.system + b.idle < a.user + a.nice + a.system + a.idle) return 0;
     const u64 busy = (b.user + b.nice + b.system) - (a.user + a.nice + a.system);
     const u64 total = (b.user + b.nice + b.system + b.idle) - (a.user + a.nice + a.system + a.idle);
     return share_of(busy, total);
@@ -290,7 +292,8 @@ bool all_digits(const char* s) {
 }
 
 // Reads at most kReadSize bytes from the start of path into buf (kReadSize + 1
-// bytes); the text read is terminated. False when it cannot be opened.
+// bytes); the text read is terminated. False when it cannot be opened or
+// nothing could be read.
 bool read_head(const char* path, char* buf) {
     // Close-on-exec, so a program started by another thread meanwhile does not
     // inherit the file.
@@ -299,7 +302,9 @@ bool read_head(const char* path, char* buf) {
     const std::size_t n = QOSA_Fread(buf, 1, kReadSize, f);
     QOSA_Fclose(f);
     buf[n] = '\0';
-    return true;
+    // A process that exited between the open and the read reads as empty:
+    // treat it like one that was already gone at the open.
+    return n != 0;
 }
 
 u32 OS_ReadCpuTime(CpuSample* sample) {
@@ -465,7 +470,7 @@ u32 QOSA_OS_GetCPUBusyRate(u32* count, QOSA_OS_PROC_INFO_S** records) {
 
     QOSA_Sleep(1);
     if (OS_ReadCpuTime(&b) != 0) return 2;
-    const u64 total = sum(b) - sum(a);
+    const u64 total = sum(b) >= sum(a) ? sum(b) - sum(a) : 0; // counters that went back give 0
 
     // Second scan: each process takes the first unmatched record of its name;
     // matched records move to the front, in match order.

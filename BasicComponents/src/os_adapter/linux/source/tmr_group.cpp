@@ -3,6 +3,7 @@
 // public timer interface only; the group has no lock of its own.
 #define QOSA_UNIT_NAME "tmr_group.c"
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 
@@ -69,8 +70,12 @@ u32 QOSA_InitReltimerGrp(QOSA_RelTimerGrp** out, u32 count, QOSA_GrpTimeoutProc 
         return kNoMemory;
     }
     memset_s(entries, bytes, 0, bytes);
-    for (u32 i = 0; i < count; ++i)
+    // A member's number never changes: set once here, so a start never writes
+    // what the previous timer's callback may still be reading.
+    for (u32 i = 0; i < count; ++i) {
         entries[i].proc = proc;
+        entries[i].index = i;
+    }
     grp->entries = entries;
     *out = grp;
     return 0;
@@ -89,7 +94,6 @@ u32 QOSA_StartRelTimerofGrp(QOSA_RelTimerGrp* grp, u32 index, u32 intervalMs, u3
     __atomic_store_n(&m->userValue, userValue, __ATOMIC_RELAXED);
     m->mode = mode;
     m->interval = intervalMs;
-    m->index = index;
     m->timer = QOSA_CreateRelTimerM(QOSA_TimeoutFuncOfGrp, QOSA_TIMER_LOOP, __LINE__, QOSA_UNIT_NAME);
     if (m->timer == nullptr) return kStartFailed;
     if (QOSA_StartRelTimer(m->timer, intervalMs, m) != 0) return kStartFailed;
@@ -122,7 +126,8 @@ u32 QOSA_FreeRelTimerGrp(QOSA_RelTimerGrp* grp) {
         for (u32 i = 0; i < grp->count; ++i) {
             QOSA_RelTimerGrpEntry* m = &grp->entries[i];
             if (m->timer == nullptr) continue;
-            if (QOSA_FreeRelTimer(m->timer) != 0) return kFreeMemberFailed;
+            // 22: the timer is already gone (the service was stopped since).
+            if (u32 r = QOSA_FreeRelTimer(m->timer); r != 0 && r != EINVAL) return kFreeMemberFailed;
             m->timer = nullptr; // a retry after a failure does not free it twice
             m->started = 0;
         }

@@ -78,7 +78,11 @@ void QOSA_TMRSetMaxReltmNum(u32 n) {
 // ---- Creating ----
 
 void* QOSA_CreateAbsTimerM(QOSA_TimerProc proc, u32 mode) {
-    if (proc == nullptr || !service_ready()) return nullptr;
+    if (proc == nullptr) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    if (!service_ready()) return nullptr;
     if (!reserve(&g_abstmNum, &ulMaxAbstmNum)) return nullptr;
     void* h = petimer_create_abstimer(proc, mode);
     if (h == nullptr) give_back(&g_abstmNum);
@@ -86,7 +90,11 @@ void* QOSA_CreateAbsTimerM(QOSA_TimerProc proc, u32 mode) {
 }
 
 void* QOSA_CreateRelTimerM(QOSA_TimerProc proc, u32 mode, u32 line, const char* file) {
-    if (proc == nullptr || !service_ready()) return nullptr;
+    if (proc == nullptr) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    if (!service_ready()) return nullptr;
     if (!reserve(&g_reltmNum, &ulMaxReltmNum)) return nullptr;
     void* h = petimer_create_reltimer(proc, mode);
     if (h == nullptr) {
@@ -134,7 +142,10 @@ u32 QOSA_FreeRelTimer(void* h) { return petimer_free_reltimer(h); }
 
 u32 QOSA_StartRelTimer_Simple(u32 intervalMs, QOSA_TimerProc proc, void* arg) {
     if (petimer_isQuiting() != 0) return QOSA_ERROR;
-    if (proc == nullptr) return ENOMEM; // what the failed create inside would give, without starting the service
+    if (proc == nullptr) {
+        errno = EINVAL;
+        return ENOMEM; // what the failed create inside would give, without starting the service
+    }
     u32 ret = petimer_start(nullptr, nullptr);
     if (ret != 0) return ret;
     return petimer_start_reltimer_simple(intervalMs, proc, arg);
