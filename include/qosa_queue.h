@@ -1,10 +1,56 @@
-/* Message queues of byte messages between threads. */
+/* Message queues of byte messages between threads.
+ *
+ * A queue is known by the number ORV_QueueCreate hands out (1, 2, 3, ...;
+ * numbers are never reused). It holds at most maxMsgNum messages of 1 to
+ * maxMsgLen bytes each, copied in on writing and out on reading, oldest
+ * first. Readers block while the queue is empty, writers while it is full;
+ * a time-out of 0 waits without limit, any other value is the most
+ * milliseconds to wait, measured on a clock that setting the wall clock does
+ * not move. Any number of threads may read and write one queue; a queue must
+ * not be deleted while another thread is inside a read or write of it. */
 #ifndef QOSA_QUEUE_H
 #define QOSA_QUEUE_H
 
 #include "qosa_types.h"
 
 QOSA_EXTERN_C_BEGIN
+
+/* Result codes. Success is 0; a read returns the bytes delivered. */
+#define ORV_QUEUE_ERR_CREATE_MSGLEN 0x20050006u      /* maximum message length 0 */
+#define ORV_QUEUE_ERR_CREATE_MODE 0x20050007u        /* mode greater than 1 */
+#define ORV_QUEUE_ERR_CREATE_NAME 0x20050008u        /* name NULL */
+#define ORV_QUEUE_ERR_CREATE_ID 0x20050009u          /* id pointer NULL, or the numbering ran out */
+#define ORV_QUEUE_ERR_NO_MEMORY 0x2005000Bu          /* an allocation failed (create, write) */
+#define ORV_QUEUE_ERR_CREATE_SYNC 0x2005000Cu        /* a mutex or semaphore could not be made */
+#define ORV_QUEUE_ERR_READ_NO_QUEUE 0x20050014u      /* no queue has this id */
+#define ORV_QUEUE_ERR_READ_BUF 0x20050015u           /* buffer NULL */
+#define ORV_QUEUE_ERR_READ_BUFLEN 0x20050016u        /* buffer length 0 */
+#define ORV_QUEUE_ERR_READ_TIMEOUT 0x20050018u       /* the time-out ran out while waiting */
+#define ORV_QUEUE_ERR_WRITE_NO_QUEUE 0x20050028u     /* no queue has this id */
+#define ORV_QUEUE_ERR_WRITE_MSG 0x20050029u          /* message NULL */
+#define ORV_QUEUE_ERR_WRITE_LEN 0x2005002Au          /* length 0 or above the maximum */
+#define ORV_QUEUE_ERR_DELETE_NO_QUEUE 0x20050050u    /* no queue has this id */
+#define ORV_QUEUE_ERR_DELETE_GONE 0x20050051u        /* the queue left the list during the delete */
+#define ORV_QUEUE_ERR_COUNT_NO_QUEUE 0x20050054u     /* no queue has this id */
+#define ORV_QUEUE_ERR_WRITE_TIMEOUT 0x20050065u      /* the time-out ran out */
+#define ORV_QUEUE_ERR_READ_RETRY_TIMEOUT 0xFFFFFFFFu /* the time-out ran out while re-polling */
+
+/* Longest name kept (longer names are cut). */
+#define ORV_QUEUE_NAME_MAX 31u
+
+/* Checks mode (0 or 1), then maxMsgLen, then name, then queId. A capacity of
+ * 0 makes a queue that never accepts a message. */
+QOSA_API u32 ORV_QueueCreate(const char* name, u32 maxMsgNum, u32* queId, u32 mode, u32 maxMsgLen);
+/* Removes the queue and every message in it. */
+QOSA_API u32 ORV_QueueDelete(u32 queId);
+/* Appends a copy of len bytes. Checks msg, then the queue, then len. */
+QOSA_API u32 ORV_QueueWrite(u32 queId, const void* msg, u32 len, u32 timeoutMs);
+/* Takes the oldest message and copies min(its length, bufLen) bytes into buf
+ * (the rest of a longer message is dropped); returns that count or a code.
+ * Checks bufLen, then buf, then the queue. */
+QOSA_API u32 ORV_QueueRead(u32 queId, u32 timeoutMs, void* buf, u32 bufLen);
+/* Messages held now, or ORV_QUEUE_ERR_COUNT_NO_QUEUE. */
+QOSA_API u32 ORV_QueueGetMsgNum(u32 queId);
 
 QOSA_EXTERN_C_END
 

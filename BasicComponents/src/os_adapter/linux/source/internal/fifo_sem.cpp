@@ -1,0 +1,194 @@
+// The first-in first-out counting semaphore (see fifo_sem.h).
+#include "fifo_sem.h"
+
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+#include <new>
+
+namespace qosa::sync {
+
+struct FifoWaiter {
+    std::atomic<std::uint32_t> state; // kWaiting, kSleeping or kGranted
+    FifoWaiter* prev;
+    FifoWaiter* next;
+};
+
+namespace {
+
+constexpr std::uint32_t kFifoLive = 0x46494630u;
+constexpr std::uint32_t kWaiting = 0;  // queued, not asleep yet
+constexpr std::uint32_t kSleeping = 2; // queued, may be asleep in the kernel: a grant must wake it
+constexpr std::uint32_t kGranted = 1;  // a post handed it a unit
+constexpr std::int64_t kNsPerSec = 1000000000;
+
+void cpu_relax() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
+}
+
+std::uint32_t* word(std::atomic<std::uint32_t>* a) { return reinterpret_cast<std::uint32_t*>(a); }
+
+// Sleeps while *a holds expected, until the absolute CLOCK_MONOTONIC deadline
+// (none: no limit). True when the deadline passed.
+bool futex_wait(std::atomic<std::uint32_t>* a, std::uint32_t expected, const timespec* deadline) {
+    long r = syscall(SYS_futex, word(a), FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG, expected, deadline, nullptr,
+                     FUTEX_BITSET_MATCH_ANY);
+    return r == -1 && errno == ETIMEDOUT;
+}
+
+void futex_wake_one(std::atomic<std::uint32_t>* a) {
+    syscall(SYS_futex, word(a), FUTEX_WAKE | FUTEX_PRIVATE_FLAG, 1, nullptr, nullptr, 0);
+}
+
+// The guard lock: uncontended it is one compare-and-swap each way.
+void lock_slow(FifoSem* s) {
+    for (int spin = 0; spin < 64; ++spin) {
+        std::uint32_t c = 0;
+        if (s->lock.load(std::memory_order_relaxed) == 0 &&
+            s->lock.compare_exchange_weak(c, 1, std::memory_order_acquire, std::memory_order_relaxed))
+            return;
+        cpu_relax();
+    }
+    while (s->lock.exchange(2, std::memory_order_acquire) != 0)
+        futex_wait(&s->lock, 2, nullptr);
+}
+
+void lock(FifoSem* s) {
+    std::uint32_t c = 0;
+    if (!s->lock.compare_exchange_strong(c, 1, std::memory_order_acquire, std::memory_order_relaxed)) lock_slow(s);
+}
+
+void unlock(FifoSem* s) {
+    if (s->lock.exchange(0, std::memory_order_release) == 2) futex_wake_one(&s->lock);
+}
+
+void append(FifoSem* s, FifoWaiter* w) {
+    w->prev = s->tail;
+    w->next = nullptr;
+    if (s->tail != nullptr)
+        s->tail->next = w;
+    else
+        s->head = w;
+    s->tail = w;
+}
+
+void remove(FifoSem* s, FifoWaiter* w) {
+    (w->prev != nullptr ? w->prev->next : s->head) = w->next;
+    (w->next != nullptr ? w->next->prev : s->tail) = w->prev;
+}
+
+timespec monotonic_after(std::int64_t ns) {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    std::int64_t total = now.tv_nsec + ns % kNsPerSec;
+    timespec at{};
+    at.tv_sec = now.tv_sec + static_cast<time_t>(ns / kNsPerSec + total / kNsPerSec);
+    at.tv_nsec = static_cast<long>(total % kNsPerSec);
+    return at;
+}
+
+} // namespace
+
+bool fifo_init(FifoSem* s, std::uint32_t value) {
+    if (value > kFifoMaxCount) return false;
+    new (s) FifoSem{{0}, kFifoLive, value, 0, nullptr, nullptr};
+    return true;
+}
+
+SemStatus fifo_destroy(FifoSem* s) {
+    lock(s);
+    SemStatus st = SemStatus::ok;
+    if (s->magic != kFifoLive)
+        st = SemStatus::invalid;
+    else if (s->head != nullptr)
+        st = SemStatus::busy;
+    else
+        s->magic = 0;
+    unlock(s);
+    return st;
+}
+
+SemStatus fifo_post(FifoSem* s) {
+    lock(s);
+    if (s->magic != kFifoLive) {
+        unlock(s);
+        return SemStatus::invalid;
+    }
+    FifoWaiter* w = s->head;
+    if (w == nullptr) {
+        SemStatus st = SemStatus::overflow;
+        if (s->count < kFifoMaxCount) {
+            ++s->count;
+            st = SemStatus::ok;
+        }
+        unlock(s);
+        return st;
+    }
+    remove(s, w);
+    std::uint32_t was = w->state.exchange(kGranted, std::memory_order_acq_rel);
+    unlock(s);
+    // The waiter may already be gone with its node; a wake-up on that address
+    // is at worst a spurious one, which every futex waiter tolerates.
+    if (was == kSleeping) futex_wake_one(&w->state);
+    return SemStatus::ok;
+}
+
+SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs) {
+    lock(s);
+    if (s->magic != kFifoLive) {
+        unlock(s);
+        return SemStatus::invalid;
+    }
+    if (s->count > 0) {
+        --s->count;
+        unlock(s);
+        return SemStatus::ok;
+    }
+    if (timeoutNs == 0) {
+        unlock(s);
+        return SemStatus::would_block;
+    }
+    FifoWaiter self{{kWaiting}, nullptr, nullptr};
+    append(s, &self);
+    unlock(s);
+
+    timespec deadline{};
+    if (timeoutNs > 0) deadline = monotonic_after(timeoutNs);
+    for (;;) {
+        std::uint32_t st = self.state.load(std::memory_order_acquire);
+        if (st == kGranted) return SemStatus::ok;
+        if (st == kWaiting &&
+            !self.state.compare_exchange_strong(st, kSleeping, std::memory_order_acquire, std::memory_order_acquire))
+            continue; // granted meanwhile
+        if (futex_wait(&self.state, kSleeping, timeoutNs > 0 ? &deadline : nullptr)) break;
+    }
+    // The deadline passed; a post may still have reached this waiter first.
+    lock(s);
+    bool granted = self.state.load(std::memory_order_acquire) == kGranted;
+    if (!granted) remove(s, &self);
+    unlock(s);
+    return granted ? SemStatus::ok : SemStatus::timed_out;
+}
+
+std::uint32_t fifo_count(FifoSem* s) {
+    lock(s);
+    std::uint32_t n = s->count;
+    unlock(s);
+    return n;
+}
+
+std::uint32_t fifo_waiters(FifoSem* s) {
+    lock(s);
+    std::uint32_t n = 0;
+    for (FifoWaiter* w = s->head; w != nullptr; w = w->next)
+        ++n;
+    unlock(s);
+    return n;
+}
+
+} // namespace qosa::sync
