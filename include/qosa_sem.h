@@ -49,7 +49,8 @@ typedef union QOSA_SEMUN_U {
  * with the reason in the last error (EINVAL for a value above SEM_VALUE_MAX,
  * EOVERFLOW for a post past it, ETIMEDOUT and EAGAIN for timed and trial
  * waits that found no unit, EBUSY for the destruction of a semaphore that
- * has waiters). A wait that a signal handler interrupts goes on waiting.
+ * has waiters). QOSA_SemWait ends with -1 and EINTR when a signal handler
+ * interrupts it; the timed waits go on waiting for the rest of their time.
  *
  * On a record from QOSA_SemOpen (by its tag), wait, post, the timed waits and
  * the trial wait work on the named semaphore; QOSA_SemDestroy refuses it (-1,

@@ -1,6 +1,8 @@
 // Unnamed semaphores (wake order, timed waits, tags), named and System V ones.
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+#include <signal.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -94,6 +96,35 @@ TEST(Sem, WaitersAreReleasedInTheOrderTheyCame) {
     EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4}));
     EXPECT_EQ(qosa::sync::fifo_count(inner(&s)), 0u);
     QOSA_SemDestroy(&s);
+}
+
+// An untimed wait ends with EINTR when a signal handler interrupts it, and
+// the unit it did not take stays for the next waiter.
+TEST(Sem, UntimedWaitIsInterruptedBySignals) {
+    struct sigaction sa {};
+    sa.sa_handler = [](int) {};
+    sigemptyset(&sa.sa_mask);
+    struct sigaction old {};
+    ASSERT_EQ(sigaction(SIGUSR1, &sa, &old), 0); // no SA_RESTART
+    QOSA_SEM_S sem{};
+    ASSERT_EQ(QOSA_SemInit(&sem, 0, 0), 0);
+    std::atomic<int> result{1}, err{0};
+    std::thread waiter([&] {
+        result = QOSA_SemWait(&sem);
+        err = errno;
+    });
+    wait_for_waiters(&sem, 1);
+    for (int i = 0; i < 200 && result == 1; ++i) { // the signal may come before it sleeps
+        pthread_kill(waiter.native_handle(), SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    waiter.join();
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(err, EINTR);
+    ASSERT_EQ(QOSA_SemPost(&sem), 0);
+    EXPECT_EQ(QOSA_SemTryWait(&sem), 0) << "the unit is still there";
+    EXPECT_EQ(QOSA_SemDestroy(&sem), 0);
+    sigaction(SIGUSR1, &old, nullptr);
 }
 
 TEST(Sem, TimedWaits) {

@@ -21,6 +21,7 @@
 #define QOSA_UNIT_NAME "minikarbo_queue.c"
 
 #include <atomic>
+#include <cerrno>
 #include <climits>
 #include <cstddef>
 #include <cstdio>
@@ -184,13 +185,22 @@ bool claim_place(QueueRec* q) {
     return false;
 }
 
-// Links the message in and releases hMutex. The readers' unit is posted once
-// the mutex is free, so the reader it wakes does not run into it.
+// Links the message in, posts the readers' unit and releases hMutex. The post
+// comes before the unlock: once a reader can have taken this message the
+// writer no longer touches the queue, so a consumer that reads it and then
+// deletes the queue never pulls the queue from under the writer.
 u32 finish_write(QueueRec* q, MsgNode* node, bool woken) {
     KARBO_ADAPT_WriteMsg(q, node, woken);
-    QOSA_MutexUnLock(&q->hMutex);
     QOSA_SemPost(&q->hSemRead);
+    QOSA_MutexUnLock(&q->hMutex);
     return 0;
+}
+
+// An untimed wait for a unit: a signal handler that interrupts it does not
+// end it.
+void wait_unit(QOSA_SEM_S* sem) {
+    while (QOSA_SemWait(sem) != 0 && errno == EINTR) {
+    }
 }
 
 // Takes the oldest message and releases hMutex, then copies what fits of it
@@ -345,10 +355,12 @@ u32 ORV_QueueDelete(u32 queId) {
     QueueRec* head = g_pstQueList.load(std::memory_order_relaxed);
     if (head == nullptr) return ORV_QUEUE_ERR_DELETE_GONE;
     QueueRec* prev = head;
-    while (prev->pstNext != nullptr && prev->pstNext != q)
+    // The id is checked too: a queue deleted meanwhile by another thread may
+    // have left its address to a new queue.
+    while (prev->pstNext != nullptr && !(prev->pstNext == q && q->ulQueId == queId))
         prev = prev->pstNext;
     u32 r = ORV_QUEUE_ERR_DELETE_GONE;
-    if (prev->pstNext == q) {
+    if (prev->pstNext == q && q->ulQueId == queId) {
         prev->pstNext = q->pstNext;
         s_ulListVersion.fetch_add(1, std::memory_order_acq_rel);
         release_queue(q);
@@ -377,7 +389,7 @@ u32 ORV_QueueWrite(u32 queId, const void* msg, u32 len, u32 timeoutMs) {
 
     if (timeoutMs == 0) {
         for (;;) {
-            QOSA_SemWait(&q->hSemWrite);
+            wait_unit(&q->hSemWrite);
             if (claim_place(q)) return finish_write(q, node, true);
             // No place after all: hand the wake-up on, poll again.
             QOSA_SemPost(&q->hSemWrite);
@@ -406,13 +418,13 @@ u32 ORV_QueueRead(u32 queId, u32 timeoutMs, void* buf, u32 bufLen) {
     if (q == nullptr) return ORV_QUEUE_ERR_READ_NO_QUEUE;
 
     if (timeoutMs == 0) {
-        QOSA_SemWait(&q->hSemRead);
+        wait_unit(&q->hSemRead);
         QOSA_MutexLock(&q->hMutex);
         while (msg_num(q) == 0) {
             QOSA_MutexUnLock(&q->hMutex);
             QOSA_SemPost(&q->hSemRead);
             QOSA_SleepMs(1);
-            QOSA_SemWait(&q->hSemRead);
+            wait_unit(&q->hSemRead);
             QOSA_MutexLock(&q->hMutex);
         }
         return finish_read(q, buf, bufLen);

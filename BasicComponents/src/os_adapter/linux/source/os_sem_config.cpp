@@ -47,6 +47,9 @@ s32 report(SemStatus st) {
     case SemStatus::timed_out:
         errno = ETIMEDOUT;
         break;
+    case SemStatus::interrupted:
+        errno = EINTR;
+        break;
     case SemStatus::busy:
         errno = EBUSY;
         break;
@@ -117,7 +120,7 @@ s32 QOSA_SemDestroy(QOSA_SEM_S* rec) {
 
 s32 QOSA_SemWait(QOSA_SEM_S* rec) {
     return guarded<s32>(-1, need(rec), [=] {
-        return is_named(rec) ? sem_wait(rec->sem.pNamed) : report(qosa::sync::fifo_wait(inner(rec), -1));
+        return is_named(rec) ? sem_wait(rec->sem.pNamed) : report(qosa::sync::fifo_wait(inner(rec), -1, true));
     });
 }
 

@@ -35,10 +35,11 @@ std::uint32_t* word(std::atomic<std::uint32_t>* a) { return reinterpret_cast<std
 
 // Sleeps while *a holds expected, until the absolute CLOCK_MONOTONIC deadline
 // (none: no limit). True when the deadline passed.
-bool futex_wait(std::atomic<std::uint32_t>* a, std::uint32_t expected, const timespec* deadline) {
+// 0 when woken (or the word had changed), else the error: ETIMEDOUT, EINTR.
+int futex_wait(std::atomic<std::uint32_t>* a, std::uint32_t expected, const timespec* deadline) {
     long r = syscall(SYS_futex, word(a), FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG, expected, deadline, nullptr,
                      FUTEX_BITSET_MATCH_ANY);
-    return r == -1 && errno == ETIMEDOUT;
+    return r == -1 && (errno == ETIMEDOUT || errno == EINTR) ? errno : 0;
 }
 
 void futex_wake_one(std::atomic<std::uint32_t>* a) {
@@ -138,7 +139,7 @@ SemStatus fifo_post(FifoSem* s) {
     return SemStatus::ok;
 }
 
-SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs) {
+SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs, bool interruptible) {
     lock(s);
     if (s->magic != kFifoLive) {
         unlock(s);
@@ -159,20 +160,27 @@ SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs) {
 
     timespec deadline{};
     if (timeoutNs > 0) deadline = monotonic_after(timeoutNs);
+    bool interrupted = false;
     for (;;) {
         std::uint32_t st = self.state.load(std::memory_order_acquire);
         if (st == kGranted) return SemStatus::ok;
         if (st == kWaiting &&
             !self.state.compare_exchange_strong(st, kSleeping, std::memory_order_acquire, std::memory_order_acquire))
             continue; // granted meanwhile
-        if (futex_wait(&self.state, kSleeping, timeoutNs > 0 ? &deadline : nullptr)) break;
+        int r = futex_wait(&self.state, kSleeping, timeoutNs > 0 ? &deadline : nullptr);
+        if (r == ETIMEDOUT || (r == EINTR && interruptible)) {
+            interrupted = r == EINTR;
+            break;
+        }
     }
-    // The deadline passed; a post may still have reached this waiter first.
+    // The deadline passed (or a signal came); a post may still have reached
+    // this waiter first.
     lock(s);
     bool granted = self.state.load(std::memory_order_acquire) == kGranted;
     if (!granted) remove(s, &self);
     unlock(s);
-    return granted ? SemStatus::ok : SemStatus::timed_out;
+    if (granted) return SemStatus::ok;
+    return interrupted ? SemStatus::interrupted : SemStatus::timed_out;
 }
 
 std::uint32_t fifo_count(FifoSem* s) {

@@ -19,9 +19,10 @@ enum class SemStatus {
     ok,
     would_block, // a trial found no unit
     timed_out,
-    invalid,  // not initialised, or destroyed
-    busy,     // destruction refused: there are waiters
-    overflow, // the count would pass its maximum
+    interrupted, // a signal handler ran (interruptible waits only)
+    invalid,     // not initialised, or destroyed
+    busy,        // destruction refused: there are waiters
+    overflow,    // the count would pass its maximum
 };
 
 struct FifoWaiter;
@@ -43,7 +44,9 @@ bool fifo_init(FifoSem* s, std::uint32_t value);
 SemStatus fifo_destroy(FifoSem* s);
 SemStatus fifo_post(FifoSem* s);
 // timeoutNs < 0: no limit; 0: only tries (would_block); else at most that long.
-SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs);
+// A signal handler that runs meanwhile ends the wait (interrupted) only when
+// interruptible; otherwise the wait goes on.
+SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs, bool interruptible = false);
 
 // Snapshots for checks: the free units and the waiters queued.
 std::uint32_t fifo_count(FifoSem* s);
