@@ -244,10 +244,13 @@ class Owned {
     u32 line_ = 0; // where the block was allocated
 };
 
-// A directory stream, closed when the call returns.
+// A directory stream, closed when the call returns. A failure to open it is
+// reported at once.
 class Dir {
   public:
-    explicit Dir(const char* path) : d_(QOSA_OpenDir(path)) {}
+    explicit Dir(const char* path) : d_(QOSA_OpenDir(path)) {
+        if (d_ == nullptr) diag(kOpenFailed, path);
+    }
     Dir(const Dir&) = delete;
     Dir& operator=(const Dir&) = delete;
     ~Dir() {
@@ -452,10 +455,7 @@ u32 QOSA_OS_GetCPUBusyRate(u32* count, QOSA_OS_PROC_INFO_S** records) {
     u32 n = 0;
     {
         Dir proc("/proc");
-        if (!proc.open()) {
-            diag(kOpenFailed, "/proc");
-            return 2;
-        }
+        if (!proc.open()) return 2;
         for (const char* pid = proc.next_process(); pid != nullptr; pid = proc.next_process()) {
             if (n % kGrowStep == 0 && !work.resize(n, n + kGrowStep, __LINE__, &status)) {
                 diag("QOSA_OS_GetCPUBusyRate", "working array not grown");
@@ -477,10 +477,7 @@ u32 QOSA_OS_GetCPUBusyRate(u32* count, QOSA_OS_PROC_INFO_S** records) {
     u32 m = 0;
     {
         Dir proc("/proc");
-        if (!proc.open()) {
-            diag(kOpenFailed, "/proc");
-            return 2;
-        }
+        if (!proc.open()) return 2;
         for (const char* pid = proc.next_process(); pid != nullptr; pid = proc.next_process()) {
             if (OS_GetProcCpuTime(pid, scratch.szProcName, &scratch.ulValue) != 0) break;
             for (u32 j = m; j < n; ++j) {
@@ -524,10 +521,7 @@ u32 QOSA_OS_GetMEMAllocRate(u32* total, u32* freeMem, u32* count, QOSA_OS_PROC_I
     u32 n = 0;
     {
         Dir proc("/proc");
-        if (!proc.open()) {
-            diag(kOpenFailed, "/proc");
-            return 2;
-        }
+        if (!proc.open()) return 2;
         if (!work.take(kGrowStep, __LINE__)) {
             diag("QOSA_OS_GetMEMAllocRate", "working array not allocated");
             return 1;

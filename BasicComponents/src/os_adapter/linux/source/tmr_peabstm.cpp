@@ -7,10 +7,10 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <cstdint>
 #include <ctime>
 
 #include "internal/common.h"
+#include "internal/timer_index.h"
 #include "internal/timer_service.h"
 #include "qosa_mem.h"
 #include "qosa_time.h"
@@ -46,7 +46,7 @@ struct tm_stop_req {
 // handle may test it at any time, also while the service is stopped, so the
 // lock is never destroyed and re-initialised under its feet.
 QosaMutex absIndexLock = QOSA_MUTEX_INITIALIZER;
-u32 s_slotCount = 0; // slots of g_szAbsTimer, fixed when the index is made
+qosa::timer::SlotIndex s_index{g_szAbsTimer, g_pAbsHead, g_pAbsTail};
 
 tsklet_head _abstsklets;
 
@@ -68,57 +68,12 @@ void give_back(void* p) { QOSA_MemTypeFreeD(p, QOSA_MEM_DYN, QOSA_HERE); }
 
 // ---- The index (callers hold absIndexLock) ----
 
-bool in_array(const void* p) {
-    if (g_szAbsTimer == nullptr || p == nullptr) return false;
-    auto a = reinterpret_cast<std::uintptr_t>(p);
-    auto lo = reinterpret_cast<std::uintptr_t>(g_szAbsTimer);
-    auto hi = lo + std::uintptr_t{s_slotCount} * sizeof(void*);
-    return a >= lo && a < hi && (a - lo) % sizeof(void*) == 0;
-}
-
 // The record a handle names, or NULL for a handle that is no live slot.
-abstimer* live(void* h) {
-    if (!in_array(h)) return nullptr;
-    void* content = *static_cast<void**>(h);
-    if (content == nullptr || in_array(content)) return nullptr;
-    return static_cast<abstimer*>(content);
-}
+abstimer* live(void* h) { return static_cast<abstimer*>(s_index.live(h)); }
 
-void** slot_of(const abstimer* t) {
-    if (g_szAbsTimer == nullptr || t->index < 0 || static_cast<u32>(t->index) >= s_slotCount) return nullptr;
-    void** slot = g_szAbsTimer + t->index;
-    return *slot == t ? slot : nullptr;
-}
-
-void** take_slot() {
-    void** slot = g_pAbsHead;
-    if (slot == nullptr) return nullptr;
-    g_pAbsHead = static_cast<void**>(*slot);
-    if (g_pAbsHead == nullptr) g_pAbsTail = nullptr;
-    return slot;
-}
-
-// Free slots go to the tail, so a slot is reused as late as possible.
-void release_slot(void** slot) {
-    *slot = nullptr;
-    if (g_pAbsTail != nullptr)
-        *g_pAbsTail = slot;
-    else
-        g_pAbsHead = slot;
-    g_pAbsTail = slot;
-}
+void** slot_of(const abstimer* t) { return s_index.slot_of(t->index, t); }
 
 void count_down() { __atomic_fetch_sub(&g_abstmNum, 1, __ATOMIC_RELAXED); }
-
-void drop_index() {
-    if (g_szAbsTimer != nullptr) {
-        const std::size_t bytes = std::size_t{s_slotCount} * sizeof(void*);
-        memset_s(g_szAbsTimer, bytes, 0, bytes);
-        give_back(g_szAbsTimer);
-    }
-    g_szAbsTimer = g_pAbsHead = g_pAbsTail = nullptr;
-    s_slotCount = 0;
-}
 
 // ---- The active list (timer thread only) ----
 
@@ -170,7 +125,7 @@ void _rmtimer(void* p) {
 // the drain that may run it at once never looks at the slot.
 u32 release_timer(void** slot, abstimer* t) {
     u32 ret = tsklet_invokelater(&_abstsklets, _rmtimer, t);
-    if (ret == 0) release_slot(slot);
+    if (ret == 0) s_index.release(slot);
     return ret;
 }
 
@@ -250,33 +205,12 @@ s32 abstmr_indexUnLock(void) { return QOSA_MutexUnLock(&absIndexLock); }
 u32 init_AbsIndex(void) {
     MutexGuard lock(&absIndexLock);
     if (!lock.locked()) return 1;
-    if (g_szAbsTimer != nullptr) give_back(g_szAbsTimer);
-    g_szAbsTimer = g_pAbsHead = g_pAbsTail = nullptr;
-    s_slotCount = 0;
-    const u32 n = __atomic_load_n(&ulMaxAbstmNum, __ATOMIC_RELAXED);
-    if (n == 0) return 0; // no slot: every create is refused
-    if (n > UINT32_MAX / sizeof(void*)) {
-        errno = ENOMEM;
-        return ENOMEM;
-    }
-    auto** slots = static_cast<void**>(take(std::size_t{n} * sizeof(void*)));
-    if (slots == nullptr) {
-        errno = ENOMEM;
-        return ENOMEM;
-    }
-    for (u32 i = 0; i + 1 < n; ++i)
-        slots[i] = &slots[i + 1];
-    slots[n - 1] = nullptr;
-    g_szAbsTimer = slots;
-    g_pAbsHead = &slots[0];
-    g_pAbsTail = &slots[n - 1];
-    s_slotCount = n;
-    return 0;
+    return s_index.build(__atomic_load_n(&ulMaxAbstmNum, __ATOMIC_RELAXED), QOSA_HERE);
 }
 
 s32 delinit_AbsIndex(void) {
     MutexGuard lock(&absIndexLock);
-    drop_index();
+    s_index.drop(QOSA_HERE);
     return 0;
 }
 
@@ -305,20 +239,18 @@ u32 delinit_abstm(void) {
         abstimer* head = active_head();
         for (abstimer* t = head->next; t != nullptr && t != head;) {
             abstimer* next = t->next;
-            if (void** slot = slot_of(t)) release_slot(slot);
+            if (void** slot = slot_of(t)) s_index.release(slot);
             give_back(t);
             count_down();
             t = next;
         }
         _activate_timers.next = _activate_timers.prev = head;
-        for (u32 i = 0; i < s_slotCount; ++i) { // inactive timers
-            void* content = g_szAbsTimer[i];
-            if (content == nullptr || in_array(content)) continue;
-            give_back(content);
+        s_index.each_record([](void** slot, void* t) { // inactive timers
+            give_back(t);
             count_down();
-            release_slot(&g_szAbsTimer[i]);
-        }
-        drop_index();
+            s_index.release(slot);
+        });
+        s_index.drop(QOSA_HERE);
     }
     petimer_deregister_tickhook(_abstm_trigger);
     return 0;
@@ -343,7 +275,7 @@ void* petimer_create_abstimer(QOSA_TimerProc proc, u32 mode) {
     t->timeout_proc = proc;
     t->mode = mode;
     MutexGuard lock(&absIndexLock);
-    void** slot = petimer_isQuiting() != 0 ? nullptr : take_slot();
+    void** slot = petimer_isQuiting() != 0 ? nullptr : s_index.take();
     if (slot == nullptr) {
         give_back(t);
         return nullptr;
@@ -412,7 +344,7 @@ u32 petimer_free_abstimer(void* h) {
 u32 petimer_relAbsIndex(void** slot) {
     MutexGuard lock(&absIndexLock);
     if (live(slot) == nullptr) return EINVAL; // no slot of the array, or free already
-    release_slot(slot);
+    s_index.release(slot);
     return 0;
 }
 

@@ -8,10 +8,11 @@
 #define QOSA_UNIT_NAME "tmr_pereltm.c"
 
 #include <cerrno>
-#include <cstdint>
+#include <cstddef>
 #include <initializer_list>
 
 #include "internal/common.h"
+#include "internal/timer_index.h"
 #include "internal/timer_service.h"
 #include "qosa_mem.h"
 #include "qosa_time.h"
@@ -70,7 +71,7 @@ struct tm_stop_req {
 // The index: guarded by relIndexLock, which lives for the whole process so
 // that calls made while the service is down find it and are refused.
 QosaMutex relIndexLock = QOSA_MUTEX_INITIALIZER;
-u32 s_slots = 0;      // slots of g_szRelTimer
+qosa::timer::SlotIndex s_index{g_szRelTimer, g_pRelHead, g_pRelTail};
 bool s_relUp = false; // set up and accepting requests (apart from the quitting flag)
 
 tsklet_head _tsklets;
@@ -81,37 +82,12 @@ u32 _tick_last = 0;
 
 // ---- the index (relIndexLock held) ----
 
-bool in_array(const void* p) {
-    auto a = reinterpret_cast<std::uintptr_t>(p);
-    auto base = reinterpret_cast<std::uintptr_t>(g_szRelTimer);
-    return g_szRelTimer != nullptr && a >= base && a < base + std::uintptr_t{s_slots} * sizeof(void*);
-}
-
 // The handle test: a slot of the array holding a live record.
-reltimer* live(void* h) {
-    if (h == nullptr || !in_array(h)) return nullptr;
-    if ((reinterpret_cast<std::uintptr_t>(h) - reinterpret_cast<std::uintptr_t>(g_szRelTimer)) % sizeof(void*) != 0)
-        return nullptr;
-    void* content = *static_cast<void**>(h);
-    return content == nullptr || in_array(content) ? nullptr : static_cast<reltimer*>(content);
-}
+reltimer* live(void* h) { return static_cast<reltimer*>(s_index.live(h)); }
 
 bool accepting() { return s_relUp && petimer_isQuiting() == 0; }
 
-bool slot_holds(const reltimer* t) {
-    return g_szRelTimer != nullptr && t->index >= 0 && static_cast<u32>(t->index) < s_slots &&
-           g_szRelTimer[t->index] == t;
-}
-
-// Back to the tail of the free list, so a slot is reused as late as possible.
-void release_slot(void** slot) {
-    *slot = nullptr;
-    if (g_pRelTail != nullptr)
-        *g_pRelTail = slot;
-    else
-        g_pRelHead = slot;
-    g_pRelTail = slot;
-}
+void** slot_of(const reltimer* t) { return s_index.slot_of(t->index, t); }
 
 void count_down() { __atomic_fetch_sub(&g_reltmNum, 1, __ATOMIC_ACQ_REL); }
 
@@ -233,7 +209,7 @@ void _trigger_a_reltimer(reltimer* t) {
         // one is re-armed at the front, ahead of any stop or free that its
         // callback or another thread queues while it runs.
         MutexGuard lock(&relIndexLock);
-        if (!accepting() || !slot_holds(t)) return;
+        if (!accepting() || slot_of(t) == nullptr) return;
         if (mode == QOSA_TIMER_LOOP) tsklet_invokefirst(&_tsklets, _do_restart_tm, t);
     }
     u32 start = QOSA_GetSysRunTime();
@@ -247,8 +223,9 @@ void _trigger_a_reltimer(reltimer* t) {
     }
     if ((mode & QOSA_TIMER_ONCE_FREE) != 0) {
         MutexGuard lock(&relIndexLock);
-        if (accepting() && slot_holds(t) && tsklet_invokelater(&_tsklets, _do_free_tm, t) == 0) {
-            release_slot(&g_szRelTimer[t->index]);
+        void** slot = accepting() ? slot_of(t) : nullptr;
+        if (slot != nullptr && tsklet_invokelater(&_tsklets, _do_free_tm, t) == 0) {
+            s_index.release(slot);
             count_down();
         }
     }
@@ -278,8 +255,8 @@ void _reltm_trigger(s64 n) {
 
 // Frees a record that is still in its slot, with the slot and the count.
 void drop(reltimer* t) {
-    if (slot_holds(t)) {
-        release_slot(&g_szRelTimer[t->index]);
+    if (void** slot = slot_of(t); slot != nullptr) {
+        s_index.release(slot);
         count_down();
     }
     give_back(t);
@@ -308,28 +285,7 @@ extern "C" {
 u32 init_RelIndex(void) {
     MutexGuard lock(&relIndexLock);
     if (!lock.locked()) return 1;
-    if (g_szRelTimer != nullptr) give_back(g_szRelTimer);
-    g_szRelTimer = g_pRelHead = g_pRelTail = nullptr;
-    s_slots = 0;
-    const u32 n = __atomic_load_n(&ulMaxReltmNum, __ATOMIC_RELAXED);
-    if (n == 0) return 0;
-    if (n > UINT32_MAX / sizeof(void*)) {
-        errno = ENOMEM;
-        return ENOMEM;
-    }
-    auto** slots = static_cast<void**>(take(std::size_t{n} * sizeof(void*)));
-    if (slots == nullptr) {
-        errno = ENOMEM;
-        return ENOMEM;
-    }
-    for (u32 i = 0; i + 1 < n; ++i)
-        slots[i] = &slots[i + 1];
-    slots[n - 1] = nullptr;
-    g_szRelTimer = slots;
-    g_pRelHead = &slots[0];
-    g_pRelTail = &slots[n - 1];
-    s_slots = n;
-    return 0;
+    return s_index.build(__atomic_load_n(&ulMaxReltmNum, __ATOMIC_RELAXED), QOSA_HERE);
 }
 
 u32 init_reltm(void) {
@@ -344,9 +300,7 @@ u32 init_reltm(void) {
         _tm_hash = static_cast<Bucket*>(take(kBuckets * sizeof(Bucket)));
         if (_tm_hash == nullptr) {
             MutexGuard lock(&relIndexLock);
-            give_back(g_szRelTimer);
-            g_szRelTimer = g_pRelHead = g_pRelTail = nullptr;
-            s_slots = 0;
+            s_index.drop(QOSA_HERE);
             errno = ENOMEM;
             ret = ENOMEM;
         }
@@ -385,15 +339,8 @@ u32 delinit_reltm(void) {
             give_back(_tm_hash);
             _tm_hash = nullptr;
         }
-        for (u32 i = 0; i < s_slots; ++i) {
-            if (g_szRelTimer[i] != nullptr && !in_array(g_szRelTimer[i])) drop(static_cast<reltimer*>(g_szRelTimer[i]));
-        }
-        if (g_szRelTimer != nullptr) {
-            memset_s(g_szRelTimer, std::size_t{s_slots} * sizeof(void*), 0, std::size_t{s_slots} * sizeof(void*));
-            give_back(g_szRelTimer);
-        }
-        g_szRelTimer = g_pRelHead = g_pRelTail = nullptr;
-        s_slots = 0;
+        s_index.each_record([](void**, void* t) { drop(static_cast<reltimer*>(t)); });
+        s_index.drop(QOSA_HERE);
     }
     petimer_deregister_tickhook(_reltm_trigger);
     return 0;
@@ -413,10 +360,7 @@ void* petimer_create_reltimer(QOSA_TimerProc proc, u32 mode) {
     self_link(t);
     {
         MutexGuard lock(&relIndexLock);
-        if (accepting() && g_pRelHead != nullptr) {
-            void** slot = g_pRelHead;
-            g_pRelHead = static_cast<void**>(*slot);
-            if (g_pRelHead == nullptr) g_pRelTail = nullptr;
+        if (void** slot = accepting() ? s_index.take() : nullptr; slot != nullptr) {
             *slot = t;
             t->index = static_cast<s32>(slot - g_szRelTimer);
             return slot;
@@ -453,7 +397,7 @@ u32 petimer_free_reltimer(void* h) {
     // for it the handle stays valid and the caller may try again.
     u32 ret = tsklet_invokelater(&_tsklets, _do_free_tm, t);
     if (ret == 0) {
-        release_slot(static_cast<void**>(h));
+        s_index.release(static_cast<void**>(h));
         count_down();
     }
     return ret;
