@@ -52,9 +52,10 @@ typedef union QOSA_SEMUN_U {
  * has waiters). QOSA_SemWait ends with -1 and EINTR when a signal handler
  * interrupts it; the timed waits go on waiting for the rest of their time.
  *
- * On a record from QOSA_SemOpen (by its tag), wait, post, the timed waits and
- * the trial wait work on the named semaphore; QOSA_SemDestroy refuses it (-1,
- * EINVAL): a named semaphore ends with QOSA_SemClose and QOSA_SemUnLink. */
+ * On a record from QOSA_SemOpen (by its tag), wait, post, the timed waits,
+ * the trial wait and QOSA_SemDestroy work on the named semaphore. A destroyed
+ * named record refuses every operation (-1, EINVAL) except QOSA_SemClose,
+ * which still closes it and releases the record. */
 QOSA_API s32 QOSA_SemInit(QOSA_SEM_S* rec, s32 shared, u32 value);
 QOSA_API s32 QOSA_SemInitWin(QOSA_SEM_S* rec, s32 shared, u32 value);
 /* 0 and the tag set to QOSA_SEM_TAG_DESTROYED; -1 and the record unchanged

@@ -194,8 +194,10 @@ TEST(Sem, NamedSemaphores) {
     timespec ahead{now.tv_sec + 1, now.tv_usec * 1000L};
     QOSA_SemPostWin(again);
     EXPECT_EQ(QOSA_SemTimedWait(s, &ahead), 0);
-    EXPECT_EQ(QOSA_SemDestroy(s), -1) << "named semaphores are closed, not destroyed";
-    EXPECT_EQ(s->tag, QOSA_SEM_TAG_NAMED);
+    EXPECT_EQ(QOSA_SemDestroy(s), 0);
+    EXPECT_EQ(s->tag, QOSA_SEM_TAG_DESTROYED);
+    EXPECT_EQ(QOSA_SemPost(s), -1) << "a destroyed named record is refused";
+    EXPECT_EQ(QOSA_SemTryWait(s), -1);
 
     EXPECT_EQ(QOSA_SemClose(again), 0);
     EXPECT_EQ(QOSA_SemClose(s), 0);
@@ -207,6 +209,7 @@ TEST(Sem, NamedSemaphores) {
     QOSA_SemInit(&unnamed, 0, 0);
     EXPECT_EQ(QOSA_SemClose(&unnamed), -1) << "an unnamed record holds nothing to close";
     QOSA_SemDestroy(&unnamed);
+    EXPECT_EQ(QOSA_SemClose(&unnamed), -1) << "nor does a destroyed one";
 }
 
 TEST(Sem, SystemVSet) {

@@ -35,6 +35,14 @@ constexpr std::int64_t kLongestWaitSec = INT32_MAX;
 
 FifoSem* inner(QOSA_SEM_S* rec) { return std::launder(reinterpret_cast<FifoSem*>(rec->sem.aullStore)); }
 bool is_named(const QOSA_SEM_S* rec) { return rec->tag == QOSA_SEM_TAG_NAMED; }
+// A record from QOSA_SemOpen also carries this mark in the second word of its
+// storage. In an unnamed record that word holds the count (at most
+// 0x7FFFFFFF) in its low half, so it never reads as the mark; this is how a
+// destroyed named record is told from a destroyed unnamed one.
+constexpr u64 kNamedMark = ~u64{0};
+bool was_named(const QOSA_SEM_S* rec) {
+    return rec->tag == QOSA_SEM_TAG_DESTROYED && rec->sem.aullStore[1] == kNamedMark;
+}
 
 // 0, or -1 with the reason in the last error, as the sem_* calls report.
 s32 report(SemStatus st) {
@@ -66,6 +74,7 @@ s32 report(SemStatus st) {
 // Waits at most ns (>= 0; 0 only tries) on a record of either kind. A named
 // semaphore waits on CLOCK_MONOTONIC as well.
 s32 wait_for(QOSA_SEM_S* rec, std::int64_t ns) {
+    if (was_named(rec)) return report(SemStatus::invalid);
     if (!is_named(rec)) return report(qosa::sync::fifo_wait(inner(rec), ns));
     if (ns == 0) return sem_trywait(rec->sem.pNamed);
     timespec at{};
@@ -89,6 +98,7 @@ QOSA_SEM_S* open_named(const char* name, s32 oflag, mode_t mode, u32 value) {
     }
     memset_s(rec, sizeof(QOSA_SEM_S), 0, sizeof(QOSA_SEM_S));
     rec->sem.pNamed = s;
+    rec->sem.aullStore[1] = kNamedMark;
     rec->tag = QOSA_SEM_TAG_NAMED;
     return rec;
 }
@@ -110,9 +120,11 @@ s32 QOSA_SemInitWin(QOSA_SEM_S* rec, s32 shared, u32 value) { return QOSA_SemIni
 
 s32 QOSA_SemDestroy(QOSA_SEM_S* rec) {
     return guarded<s32>(-1, need(rec), [=] {
-        // A named semaphore ends with QOSA_SemClose and QOSA_SemUnLink.
-        if (is_named(rec)) return report(SemStatus::invalid);
-        s32 r = report(qosa::sync::fifo_destroy(inner(rec)));
+        if (was_named(rec)) return report(SemStatus::invalid);
+        // A named record is destroyed through sem_destroy too; the C library
+        // releases nothing there, and the semaphore stays open (and the
+        // record allocated) until QOSA_SemClose.
+        s32 r = is_named(rec) ? sem_destroy(rec->sem.pNamed) : report(qosa::sync::fifo_destroy(inner(rec)));
         if (r == 0) rec->tag = QOSA_SEM_TAG_DESTROYED;
         return r;
     });
@@ -120,12 +132,14 @@ s32 QOSA_SemDestroy(QOSA_SEM_S* rec) {
 
 s32 QOSA_SemWait(QOSA_SEM_S* rec) {
     return guarded<s32>(-1, need(rec), [=] {
+        if (was_named(rec)) return report(SemStatus::invalid);
         return is_named(rec) ? sem_wait(rec->sem.pNamed) : report(qosa::sync::fifo_wait(inner(rec), -1, true));
     });
 }
 
 s32 QOSA_SemPost(QOSA_SEM_S* rec) {
     return guarded<s32>(-1, need(rec), [=] {
+        if (was_named(rec)) return report(SemStatus::invalid);
         return is_named(rec) ? sem_post(rec->sem.pNamed) : report(qosa::sync::fifo_post(inner(rec)));
     });
 }
@@ -166,7 +180,7 @@ QOSA_SEM_S* QOSA_SemOpenWin(const char* name, s32 oflag, mode_t mode, u32 value)
 s32 QOSA_SemClose(QOSA_SEM_S* rec) {
     // Only a record that QOSA_SemOpen made holds a named semaphore: the
     // storage of an unnamed one is no pointer to close.
-    if (rec == nullptr || !is_named(rec) || rec->sem.pNamed == nullptr) return -1;
+    if (rec == nullptr || !(is_named(rec) || was_named(rec)) || rec->sem.pNamed == nullptr) return -1;
     if (sem_close(rec->sem.pNamed) != 0) return -1;
     QOSA_MemTypeFreeD(rec, QOSA_MEM_DYN, QOSA_HERE);
     return 0;
