@@ -1,6 +1,5 @@
 // Statistics from /proc: the text steps on hand-written lines, then the four
-// calls against what this test reads from /proc itself. The process renames
-// itself to a name of its own so that it can be told apart.
+// calls against /proc, with this process renamed to a name of its own.
 #include <gtest/gtest.h>
 
 #include <signal.h>
@@ -13,7 +12,6 @@
 #include <fstream>
 #include <memory>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -38,6 +36,10 @@ const std::string& own_name() {
 }
 
 void release(void* p) { QOSA_MemTypeFreeD(p, QOSA_MEM_DYN, __LINE__, __FILE__); }
+std::string slurp(const char* path) {
+    std::ifstream in(path);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
 
 } // namespace
 
@@ -163,15 +165,10 @@ TEST(MemAllocRate, AgainstMeminfoAndOwnStat) {
     EXPECT_EQ(QOSA_OS_GetMEMAllocRate(&total, &free, &n, &recs), 3u);
     EXPECT_TRUE(total == 5 && n == 5 && recs == &dummy) << "nothing read";
 
-    std::ifstream self("/proc/self/stat");
-    std::string line((std::istreambuf_iterator<char>(self)), {}), field;
-    std::istringstream fields(line.substr(line.rfind(')') + 1)); // field 3 on
-    for (int k = 3; k <= 22; ++k)
-        fields >> field;
-    u64 vsize = 0, rss = 0;
-    fields >> vsize >> rss;
-    // A process that exits during the scan ends it early: retry until this
-    // process is in.
+    char name[kNameMax + 1];
+    u32 expected = 0; // vsize + rss
+    ASSERT_EQ(stat_pair(slurp("/proc/self/stat").c_str(), 23, name, &expected), 0u);
+    // A process that exits during the scan ends it early: retry until this one is in.
     const QOSA_OS_PROC_INFO_S* mine = nullptr;
     for (int attempt = 0; attempt < 10 && mine == nullptr; ++attempt) {
         release(recs == &dummy ? nullptr : recs);
@@ -181,20 +178,13 @@ TEST(MemAllocRate, AgainstMeminfoAndOwnStat) {
             if (me == recs[i].szProcName) mine = &recs[i];
     }
     ASSERT_NE(mine, nullptr);
-    const u32 expected = static_cast<u32>(vsize + rss);
     EXPECT_LT(std::abs(static_cast<s32>(mine->ulValue - expected)), 64 << 20) << mine->ulValue << " " << expected;
     release(recs);
 
-    std::ifstream meminfo("/proc/meminfo");
-    long kTotal = 0, kFree = 0;
-    for (std::string label, unit; meminfo >> label;) {
-        long v = 0;
-        meminfo >> v >> unit;
-        if (label == "MemTotal:") kTotal = v;
-        if (label == "MemFree:") kFree = v;
-    }
+    u32 kTotal = 0, kFree = 0;
+    ASSERT_EQ(parse_meminfo(slurp("/proc/meminfo").c_str(), &kTotal, &kFree), 0u);
     EXPECT_EQ(total, kTotal);
-    EXPECT_LT(std::abs(free - kFree), kTotal / 20);
+    EXPECT_LT(std::abs(static_cast<s32>(free - kFree)), static_cast<s32>(kTotal / 20));
 }
 
 TEST(ProcThread, ThisProcessHasExactlyItsTasks) {
@@ -239,14 +229,12 @@ TEST(ProcThread, StoppedAndZombieChildren) {
     own_name();
     for (bool zombie : {false, true}) {
         const std::string child = (zombie ? "qz" : "qt") + std::to_string(getpid());
-        int ready[2];
-        ASSERT_EQ(pipe(ready), 0);
         pid_t pid = fork();
         ASSERT_GE(pid, 0);
-        if (pid == 0) {
+        if (pid == 0) { // renamed, then stopped or exited
             prctl(PR_SET_NAME, child.c_str());
-            if (write(ready[1], "x", 1) != 1 || zombie) _exit(0);
-            for (;;)
+            if (zombie) _exit(0);
+            for (raise(SIGSTOP);;)
                 pause();
         }
         // The child goes, whatever the checks say.
@@ -254,15 +242,8 @@ TEST(ProcThread, StoppedAndZombieChildren) {
             kill(*p, SIGKILL);
             waitpid(*p, nullptr, 0);
         });
-        char c;
-        ASSERT_EQ(read(ready[0], &c, 1), 1);
-        close(ready[0]);
-        close(ready[1]);
-        siginfo_t info{};
-        if (zombie)
-            ASSERT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0); // exited, not reaped
-        else
-            ASSERT_TRUE(kill(pid, SIGSTOP) == 0 && waitpid(pid, nullptr, WUNTRACED) == pid);
+        siginfo_t info{}; // exited but not reaped, or stopped
+        ASSERT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, (zombie ? WEXITED : WSTOPPED) | WNOWAIT), 0);
         u32 n = 0;
         QOSA_OS_THREAD_INFO_S* recs = nullptr;
         EXPECT_EQ(QOSA_OS_GetProcThread(child.c_str(), &n, &recs), 0u) << child;
