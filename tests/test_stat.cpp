@@ -208,10 +208,13 @@ TEST(ProcThread, ThisProcessHasExactlyItsTasks) {
         for (u32 i = 0; i < n; ++i) {
             got.insert(recs[i].iThreadId);
             const s32 want = recs[i].iThreadId == getpid() ? QOSA_THREAD_STATE_RUNNING : QOSA_THREAD_STATE_SLEEPING;
-            EXPECT_TRUE(recs[i].iState == want || recs[i].iState == QOSA_THREAD_STATE_RUNNING) << recs[i].iState;
+            // A loaded machine may catch any thread running or in a page-in (disk) sleep.
+            EXPECT_TRUE(recs[i].iState == want || recs[i].iState == QOSA_THREAD_STATE_RUNNING ||
+                        recs[i].iState == QOSA_THREAD_STATE_DISK_WAIT)
+                << recs[i].iState;
         }
         release(recs);
-        EXPECT_TRUE(got == tasks && n == tasks.size()) << name;
+        EXPECT_TRUE(got == tasks && n == tasks.size()) << name << ": " << n << " listed, " << tasks.size() << " tasks";
     }
 
     testing::internal::CaptureStdout();
