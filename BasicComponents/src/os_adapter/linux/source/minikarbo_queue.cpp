@@ -20,6 +20,8 @@
 // first creations from several threads build the list once.
 #define QOSA_UNIT_NAME "minikarbo_queue.c"
 
+#include <sched.h>
+
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -61,6 +63,7 @@ struct QueueRec {
     QOSA_SEM_S hSemWrite;
     u32 ulWriteWaiting; // writers waiting for a place that no post is owed to yet (under hMutex)
     u32 ulPlacesHeld;   // free places promised to writers posted for, not yet written (under hMutex)
+    u32 ulPosting;      // writers between linking their message and posting hSemRead (atomic)
 };
 
 static_assert(offsetof(QueueRec, pstNext) == 0);
@@ -185,14 +188,17 @@ bool claim_place(QueueRec* q) {
     return false;
 }
 
-// Links the message in, posts the readers' unit and releases hMutex. The post
-// comes before the unlock: once a reader can have taken this message the
-// writer no longer touches the queue, so a consumer that reads it and then
-// deletes the queue never pulls the queue from under the writer.
+// Links the message in and releases hMutex, then posts the readers' unit (once
+// the mutex is free, so the reader it wakes does not run into it). Between the
+// unlock and the post a reader may already have taken the message, and its
+// thread may delete the queue: ulPosting, raised before the unlock and
+// lowered as the writer's last touch of the queue, makes the delete wait.
 u32 finish_write(QueueRec* q, MsgNode* node, bool woken) {
     KARBO_ADAPT_WriteMsg(q, node, woken);
-    QOSA_SemPost(&q->hSemRead);
+    __atomic_fetch_add(&q->ulPosting, 1u, __ATOMIC_RELAXED);
     QOSA_MutexUnLock(&q->hMutex);
+    QOSA_SemPost(&q->hSemRead);
+    __atomic_fetch_sub(&q->ulPosting, 1u, __ATOMIC_RELEASE);
     return 0;
 }
 
@@ -363,6 +369,9 @@ u32 ORV_QueueDelete(u32 queId) {
     if (prev->pstNext == q && q->ulQueId == queId) {
         prev->pstNext = q->pstNext;
         s_ulListVersion.fetch_add(1, std::memory_order_acq_rel);
+        // Writers still posting for messages already taken finish first.
+        while (__atomic_load_n(&q->ulPosting, __ATOMIC_ACQUIRE) != 0)
+            sched_yield();
         release_queue(q);
         r = 0;
     }
