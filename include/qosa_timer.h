@@ -21,8 +21,8 @@ QOSA_EXTERN_C_BEGIN
 
 /* ---- Callback types and modes ---- */
 
-typedef void (*QOSA_TimerProc)(void* arg);       /* expiry, on the timer thread */
-typedef void (*QOSA_TimerDoneProc)(void* arg);   /* a safe stop has completed */
+typedef void (*QOSA_TimerProc)(void* arg);             /* expiry, on the timer thread */
+typedef void (*QOSA_TimerDoneProc)(void* arg);         /* a safe stop has completed */
 typedef void (*QOSA_TimerDebugProc)(const char* text); /* at most 511 characters */
 
 #define QOSA_TIMER_LOOP 0u      /* periodic (absolute: every matching second) */
