@@ -35,6 +35,21 @@ void give_back(s32* count) { __atomic_fetch_sub(count, 1, __ATOMIC_RELAXED); }
 // Quitting, or the service cannot be started: no timer can be made.
 bool service_ready() { return petimer_isQuiting() == 0 && petimer_start(nullptr, nullptr) == 0; }
 
+// What every create does: refuse a NULL callback (EINVAL) before starting
+// anything, start the service, reserve a unit of the kind's live count, make
+// the timer, and give the unit back when that fails.
+template <typename Create>
+void* create_counted(QOSA_TimerProc proc, s32* count, const u32* max, Create create) {
+    if (proc == nullptr) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    if (!service_ready() || !reserve(count, max)) return nullptr;
+    void* h = create();
+    if (h == nullptr) give_back(count);
+    return h;
+}
+
 // Set while one QOSA_StopTimerTask is under way.
 u8 s_stopping = 0;
 
@@ -78,30 +93,12 @@ void QOSA_TMRSetMaxReltmNum(u32 n) {
 // ---- Creating ----
 
 void* QOSA_CreateAbsTimerM(QOSA_TimerProc proc, u32 mode) {
-    if (proc == nullptr) {
-        errno = EINVAL;
-        return nullptr;
-    }
-    if (!service_ready()) return nullptr;
-    if (!reserve(&g_abstmNum, &ulMaxAbstmNum)) return nullptr;
-    void* h = petimer_create_abstimer(proc, mode);
-    if (h == nullptr) give_back(&g_abstmNum);
-    return h;
+    return create_counted(proc, &g_abstmNum, &ulMaxAbstmNum, [=] { return petimer_create_abstimer(proc, mode); });
 }
 
 void* QOSA_CreateRelTimerM(QOSA_TimerProc proc, u32 mode, u32 line, const char* file) {
-    if (proc == nullptr) {
-        errno = EINVAL;
-        return nullptr;
-    }
-    if (!service_ready()) return nullptr;
-    if (!reserve(&g_reltmNum, &ulMaxReltmNum)) return nullptr;
-    void* h = petimer_create_reltimer(proc, mode);
-    if (h == nullptr) {
-        give_back(&g_reltmNum);
-        return nullptr;
-    }
-    qosa::timer::reltimer_set_origin(h, line, file);
+    void* h = create_counted(proc, &g_reltmNum, &ulMaxReltmNum, [=] { return petimer_create_reltimer(proc, mode); });
+    if (h != nullptr) qosa::timer::reltimer_set_origin(h, line, file);
     return h;
 }
 
