@@ -4,18 +4,15 @@
 #include "guard_cases.h"
 #include "qosa.h"
 
-namespace {
-// Real objects for the arguments that are present, opened before any row
-// runs (so the rows themselves never call the platform).
-DIR* const s_dir = opendir("/");
-struct dirent s_entry;
-struct dirent* s_result;
-const struct dirent* s_ent = &s_entry;
-fpos_t s_pos;
-char s_buf[64];
-QOSA_STAT_S s_st;
-u32 s_size;
-} // namespace
+// Present arguments, opened before any row runs (so no row calls the platform for them).
+static DIR* const s_dir = opendir("/");
+static struct dirent s_entry;
+static struct dirent* s_result;
+static const struct dirent* s_ent = &s_entry;
+static fpos_t s_pos;
+static char s_buf[64];
+static QOSA_STAT_S s_st;
+static u32 s_size;
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-zero-length"

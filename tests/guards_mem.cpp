@@ -10,12 +10,7 @@ char s_buf[64];
 } // namespace
 
 static GuardRows s_rows{
-    {"QOSA_MemTypeFreeD",
-     [] {
-         QOSA_MemTypeFreeD(nullptr, 0, __LINE__, __FILE__);
-         return 0;
-     },
-     0},
+    {"QOSA_MemTypeFreeD", [] { return QOSA_MemTypeFreeD(nullptr, 0, __LINE__, __FILE__), 0; }, 0},
     {"QOSA_MemGetMemStatus", [] { return QOSA_MemGetMemStatus(nullptr); }, 1},
     {"QOSA_MemGetMemRec", [] { return QOSA_MemGetMemRec(0, 0, nullptr, nullptr); }, 1},
     {"QOSA_MemGetMemScan", [] { return QOSA_MemGetMemScan(nullptr); }, 1},
@@ -24,12 +19,7 @@ static GuardRows s_rows{
     {"MemGetMemRec", [] { return MemGetMemRec(0, 0, nullptr, nullptr); }, 1},
     {"MemGetMemScan", [] { return MemGetMemScan(nullptr); }, 1},
     {"MemGetMemoryUseMonitor", [] { return MemGetMemoryUseMonitor(nullptr); }, 1},
-    {"MemRecordMemRecFun",
-     [] {
-         MemRecordMemRecFun(nullptr);
-         return 0;
-     },
-     0},
+    {"MemRecordMemRecFun", [] { return MemRecordMemRecFun(nullptr), 0; }, 0},
     {"sysMemDeleteUserMem", [] { return sysMemDeleteUserMem(nullptr); }, 4},
     {"sysMemCopyUserMem_dst", [] { return sysMemCopyUserMem(nullptr, &s_notBlock[2]); }, 1},
     {"sysMemCopyUserMem_src", [] { return sysMemCopyUserMem(&s_notBlock[2], nullptr); }, 1},

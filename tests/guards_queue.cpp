@@ -1,5 +1,4 @@
-// Missing pointers of the message queues: each gives its own code before the
-// queue is looked up.
+// Missing pointers of the message queues: each has its own code, given before the queue is looked up.
 #include "guard_cases.h"
 #include "qosa.h"
 

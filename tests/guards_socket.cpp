@@ -2,15 +2,13 @@
 #include "guard_cases.h"
 #include "qosa.h"
 
-namespace {
 // Present arguments for the rows that miss another one.
-char s_buf[64];
-socklen_t s_len = sizeof s_buf;
-struct sockaddr_storage s_addr;
-struct sockaddr* const s_sa = reinterpret_cast<struct sockaddr*>(&s_addr);
-u32 s_state;
-fd_set* const s_noSet = nullptr;
-} // namespace
+static char s_buf[64];
+static socklen_t s_len = sizeof s_buf;
+static struct sockaddr_storage s_addr;
+static struct sockaddr* const s_sa = reinterpret_cast<struct sockaddr*>(&s_addr);
+static u32 s_state;
+static fd_set* const s_noSet = nullptr;
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnonnull"

@@ -1,6 +1,8 @@
 // Guarded entry points of threads, condition variables, signals and processes.
 #include <signal.h>
 
+#include <cerrno>
+
 #include "guard_cases.h"
 #include "qosa.h"
 
@@ -14,6 +16,7 @@ s32 s_out;
 size_t s_size;
 void* s_addr;
 sched_param s_param;
+pthread_t s_thread;
 void* start(void* arg) { return arg; }
 } // namespace
 
@@ -31,7 +34,10 @@ static GuardRows s_rows{
     {"QOSA_PthreadCondTimedWait_Clock_cond", [] { return QOSA_PthreadCondTimedWait_Clock(nullptr, &s_mutex, 1); }, -1},
     {"QOSA_PthreadCondTimedWait_Clock_mutex", [] { return QOSA_PthreadCondTimedWait_Clock(&s_cond, nullptr, 1); }, -1},
     {"QOSA_PthreadCondTimedWait_Clock_zero", [] { return QOSA_PthreadCondTimedWait_Clock(&s_cond, &s_mutex, 0); }, -1},
-    {"QOSA_PthreadCreate", [] { return QOSA_PthreadCreate(nullptr, nullptr, start, nullptr); }, -1},
+    {"QOSA_PthreadCreate_thread", [] { return QOSA_PthreadCreate(nullptr, nullptr, start, nullptr); }, -1},
+    {"QOSA_PthreadCreate_start", [] { return QOSA_PthreadCreate(&s_thread, nullptr, nullptr, nullptr); }, EINVAL},
+    {"QOSA_PthreadCondInitAttr", [] { return QOSA_PthreadCondInitAttr(nullptr); }, EINVAL},
+    {"QOSA_PthreadSetName", [] { return QOSA_PthreadSetName(nullptr); }, EINVAL},
     {"QOSA_PthreadCreateID", [] { return QOSA_PthreadCreateID(nullptr, 1, nullptr, start, nullptr); }, -1},
     {"QOSA_PthreadSetCancelState", [] { return QOSA_PthreadSetCancelState(PTHREAD_CANCEL_ENABLE, nullptr); }, -1},
     {"QOSA_PthreadSetCancelType", [] { return QOSA_PthreadSetCancelType(PTHREAD_CANCEL_DEFERRED, nullptr); }, -1},
@@ -46,7 +52,8 @@ static GuardRows s_rows{
     {"QOSA_PthreadAttrSetSchedpolicy", [] { return QOSA_PthreadAttrSetSchedpolicy(nullptr, 0); }, -1},
     {"QOSA_PthreadAttrGetSchedparam_attr", [] { return QOSA_PthreadAttrGetSchedparam(nullptr, &s_param); }, -1},
     {"QOSA_PthreadAttrGetSchedparam_out", [] { return QOSA_PthreadAttrGetSchedparam(&s_attr, nullptr); }, -1},
-    {"QOSA_PthreadAttrSetSchedparam", [] { return QOSA_PthreadAttrSetSchedparam(nullptr, &s_param); }, -1},
+    {"QOSA_PthreadAttrSetSchedparam_attr", [] { return QOSA_PthreadAttrSetSchedparam(nullptr, &s_param); }, -1},
+    {"QOSA_PthreadAttrSetSchedparam_param", [] { return QOSA_PthreadAttrSetSchedparam(&s_attr, nullptr); }, EINVAL},
     {"QOSA_PthreadAttrGetscope_attr", [] { return QOSA_PthreadAttrGetscope(nullptr, &s_out); }, -1},
     {"QOSA_PthreadAttrGetscope_out", [] { return QOSA_PthreadAttrGetscope(&s_attr, nullptr); }, -1},
     {"QOSA_PthreadAttrSetscope", [] { return QOSA_PthreadAttrSetscope(nullptr, 0); }, -1},
@@ -67,7 +74,8 @@ static GuardRows s_rows{
     {"QOSA_PthreadSigmask", [] { return QOSA_PthreadSigmask(SIG_BLOCK, nullptr, &s_set); }, -1},
     {"QOSA_SigPending", [] { return QOSA_SigPending(nullptr); }, -1},
     {"QOSA_SigSuspend", [] { return QOSA_SigSuspend(nullptr); }, -1},
-    {"QOSA_SigWait", [] { return QOSA_SigWait(nullptr, &s_out); }, -1},
+    {"QOSA_SigWait_set", [] { return QOSA_SigWait(nullptr, &s_out); }, -1},
+    {"QOSA_SigWait_sig", [] { return QOSA_SigWait(&s_set, nullptr); }, EINVAL},
     {"QOSA_SigWaitInfo_set", [] { return QOSA_SigWaitInfo(nullptr, &s_info); }, -1},
     {"QOSA_SigWaitInfo_info", [] { return QOSA_SigWaitInfo(&s_set, nullptr); }, -1},
     {"QOSA_SigTimedWait_set", [] { return QOSA_SigTimedWait(nullptr, &s_info, nullptr); }, -1},

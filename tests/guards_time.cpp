@@ -28,12 +28,8 @@ static GuardRows s_rows{
     {"QOSA_StrFtime_EmptyFmt", [] { return std::int64_t{QOSA_StrFtime(s_buf, 64, "", &s_tm)}; }, 0},
     {"QOSA_StrFtime_NoTm", [] { return std::int64_t{QOSA_StrFtime(s_buf, 64, "%Y", nullptr)}; }, 0},
     {"QOSA_MkTime", [] { return std::int64_t{QOSA_MkTime(nullptr)}; }, 0},
-    {"QOSA_GetTimeEx",
-     [] {
-         QOSA_GetTimeEx(nullptr);
-         return std::int64_t{0};
-     },
-     0},
+    {"QOSA_GetTimeEx", [] { return QOSA_GetTimeEx(nullptr), std::int64_t{0}; }, 0},
+    {"QOSA_GetTime", [] { return std::int64_t{QOSA_GetTime(nullptr)}; }, 0},
     {"QOSA_SetSysTime", [] { return std::int64_t{QOSA_SetSysTime(nullptr)}; }, kFail},
     {"ZAL_IsSysTimeValid", [] { return std::int64_t{ZAL_IsSysTimeValid(nullptr)}; }, 0},
 };

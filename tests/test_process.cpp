@@ -1,8 +1,7 @@
-// Signal sets, signals, mappings, the fixed-result entry points and child processes. Handlers and
-// masks are process-wide; signals only go to this process or to children it started.
+// Signal sets, signals, mappings, the fixed-result entry points and child processes. Signals only go
+// to this process or to children it started.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,11 +14,7 @@
 #include "qosa_error.h"
 #include "qosa_process.h"
 
-namespace {
 constexpr s32 kCapacity = static_cast<s32>(sizeof(sigset_t) * CHAR_BIT);
-volatile sig_atomic_t s_caught = 0;
-void on_signal(int sig) { s_caught = sig; }
-} // namespace
 
 TEST(SignalSet, BitsCapacityAndThePlatformLayout) {
     sigset_t set;
@@ -29,15 +24,12 @@ TEST(SignalSet, BitsCapacityAndThePlatformLayout) {
     EXPECT_EQ(QOSA_SigAddSet(&set, 2), 0);
     EXPECT_EQ(bytes[0], 0x02) << "signal 2 is bit 1";
     EXPECT_TRUE(QOSA_SigIsMember(&set, 2) == 1 && QOSA_SigIsMember(&set, 3) == 0);
-    EXPECT_EQ(QOSA_SigAddSet(&set, SIGUSR1), 0);
-    EXPECT_EQ(sigismember(&set, SIGUSR1), 1) << "the platform reads our bits";
     EXPECT_EQ(QOSA_SigAddSet(&set, kCapacity), 0);
     EXPECT_EQ(bytes[sizeof set - 1], 0x80) << "the last signal is the last bit";
 
     sigset_t before = set;
-    for (s32 sig : {kCapacity + 1, 0, -1, INT32_MIN}) {
+    for (s32 sig : {kCapacity + 1, 0, -1, INT32_MIN})
         EXPECT_EQ(QOSA_SigAddSet(&set, sig) | QOSA_SigDelSet(&set, sig) | QOSA_SigIsMember(&set, sig), 0) << sig;
-    }
     EXPECT_EQ(std::memcmp(&set, &before, sizeof set), 0) << "numbers outside the set change nothing";
 
     ASSERT_EQ(QOSA_SigFillSet(&set), 0);
@@ -47,63 +39,33 @@ TEST(SignalSet, BitsCapacityAndThePlatformLayout) {
         ASSERT_EQ(bytes[i], 0xFF) << "byte " << i;
 }
 
-TEST(Signal, MasksPendingAndSuspend) {
-    EXPECT_EQ(QOSA_Signal(kCapacity + 5, on_signal), 0) << "a bad number is not reported";
-    EXPECT_EQ(QOSA_Signal(SIGUSR2, on_signal), 0);
+TEST(Signal, BlockedSignalIsPendingUntilTaken) {
     sigset_t usr2, old, pending;
     QOSA_SigEmptySet(&usr2);
     QOSA_SigAddSet(&usr2, SIGUSR2);
     ASSERT_EQ(QOSA_PthreadSigmask(SIG_BLOCK, &usr2, &old), 0);
-    // Blocked, the signal waits as pending until QOSA_SigWait takes it.
-    s_caught = 0;
     EXPECT_EQ(QOSA_PthreadKill(pthread_self(), SIGUSR2), 0);
     ASSERT_EQ(QOSA_SigPending(&pending), 0);
     EXPECT_EQ(QOSA_SigIsMember(&pending, SIGUSR2), 1);
     s32 got = 0;
     EXPECT_EQ(QOSA_SigWait(&usr2, &got), 0);
-    EXPECT_TRUE(got == SIGUSR2 && s_caught == 0) << got << ' ' << s_caught;
-    EXPECT_EQ(QOSA_SigWait(&usr2, nullptr), EINVAL);
-    // Released by QOSA_SigSuspend, it runs the handler.
-    EXPECT_EQ(QOSA_PthreadKill(pthread_self(), SIGUSR2), 0);
-    EXPECT_EQ(QOSA_SigSuspend(&old), -1);
-    EXPECT_TRUE(errno == EINTR && s_caught == SIGUSR2) << errno << ' ' << s_caught;
+    EXPECT_EQ(got, SIGUSR2);
     ASSERT_EQ(QOSA_SigProcmask(SIG_SETMASK, &old, nullptr), 0);
-    QOSA_Signal(SIGUSR2, SIG_DFL);
 }
 
-TEST(Stubs, FixedResultsAndLastError) {
-    sigset_t set{};
-    siginfo_t info{};
-    EXPECT_EQ(QOSA_SigWaitInfo(&set, &info), 0) << "returns at once";
-    EXPECT_EQ(QOSA_SigTimedWait(&set, &info, nullptr), 0);
-    QOSA_Signal(SIGUSR1, on_signal);
-    s_caught = 0;
-    EXPECT_EQ(QOSA_SigQueue(QOSA_GetPID(), SIGUSR1, sigval{}), -1);
-    EXPECT_EQ(s_caught, 0) << "nothing is sent";
-    QOSA_Signal(SIGUSR1, SIG_DFL);
-
+TEST(Stubs, LastErrorAndMappingOffsets) {
     QOSA_SetLastErr(1234);
     EXPECT_EQ(QOSA_ShmGet(IPC_PRIVATE, 4096, IPC_CREAT | 0600), -1);
-    EXPECT_EQ(QOSA_ShmAt(0, nullptr, 0), nullptr);
-    EXPECT_EQ(QOSA_ShmDt(nullptr), -1);
-    EXPECT_EQ(QOSA_ShmCtl(0, IPC_RMID, nullptr), -1);
-    EXPECT_EQ(QOSA_CreateProcess("/bin/true", nullptr), 0);
-    EXPECT_EQ(QOSA_ShmUnLink(nullptr), -1);
     EXPECT_EQ(QOSA_GetLastErr(), 1234u);
-    EXPECT_EQ(QOSA_ShmOpen("/qosa-test", O_RDWR | O_CREAT, 0600), -1);
-    EXPECT_EQ(QOSA_GetLastErr(), static_cast<u32>(ENOSYS));
-    QOSA_SetLastErr(0);
     EXPECT_EQ(QOSA_ShmUnLink("/qosa-test"), -1);
     EXPECT_EQ(QOSA_GetLastErr(), static_cast<u32>(ENOSYS));
-}
 
-TEST(Mapping, OffsetsKeepTheirSign) {
+    // Widened without its sign, offset -4096 would map 4 GiB into the file.
     char path[] = "/tmp/qosa_mmap_XXXXXX";
     int fd = mkstemp(path);
     ASSERT_GE(fd, 0);
     unlink(path);
     ASSERT_EQ(ftruncate(fd, 4096), 0);
-    // Widened without its sign, -4096 would map 4 GiB into the file.
     EXPECT_EQ(QOSA_MMap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, -4096), MAP_FAILED);
     void* p = QOSA_MMapWin(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0);
     ASSERT_NE(p, MAP_FAILED);
@@ -139,6 +101,4 @@ TEST(Process, ForkWaitKillAndImmediateExit) {
     EXPECT_EQ(QOSA_Kill(pid, SIGTERM), 0);
     EXPECT_EQ(QOSA_Waitpid(pid, &status, 0), pid);
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
-    EXPECT_EQ(QOSA_Wait(nullptr), -1);
-    EXPECT_EQ(errno, ECHILD);
 }

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 #include "qosa_time.h"
@@ -26,9 +27,8 @@ QOSA_SysTime at(s32 year, s32 mon, s32 mday, s32 hour = 12, s32 min = 0, s32 sec
 }
 
 u64 now_ms() {
-    timeval tv{};
-    gettimeofday(&tv, nullptr);
-    return u64(tv.tv_sec) * 1000 + u64(tv.tv_usec) / 1000;
+    using namespace std::chrono;
+    return u64(duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count());
 }
 
 u64 ex_ms(const QOSA_TimeEx& ex) { // back to milliseconds since 1970
@@ -42,10 +42,10 @@ TEST(Validity, CalendarWildcardsAndTimeOfDay) {
     for (s32 year : {1900, 1970, 2000, 2023, 2024, 2100})
         for (s32 mon = 1; mon <= 12; ++mon) {
             u32 days = 0;
-            for (s32 mday = 0; mday <= 32; ++mday) {
-                std::tm tm{0, 0, 0, mday, mon - 1, year - 1900, 0, 0, 0, 0, nullptr}; // a day exists when
+            for (s32 mday = 0; mday <= 32; ++mday) { // a day exists when the calendar keeps it as it is
+                std::tm tm{0, 0, 0, mday, mon - 1, year - 1900, 0, 0, 0, 0, nullptr};
                 timegm(&tm);
-                bool exists = tm.tm_mday == mday && tm.tm_mon == mon - 1; // the calendar keeps it as it is
+                bool exists = tm.tm_mday == mday && tm.tm_mon == mon - 1;
                 days += exists;
                 QOSA_SysTime t = at(year, mon, mday, 23, 59, 59);
                 EXPECT_EQ(ZAL_IsSysTimeValid(&t), exists && year >= 1970 ? 1u : 0u)
@@ -72,11 +72,8 @@ TEST(Validity, CalendarWildcardsAndTimeOfDay) {
 TEST(Clocks, RunTimeAndWallClock) {
     timespec ts{};
     clock_gettime(CLOCK_BOOTTIME, &ts);
-    EXPECT_LE(QOSA_GetSysRunTimeSec() - u32(ts.tv_sec), 1u) << "seconds of the boot clock";
-    u32 run0 = QOSA_GetSysRunTime();
-    u64 wall0 = now_ms();
-    usleep(1000000);
-    EXPECT_NEAR(double(u32(QOSA_GetSysRunTime() - run0)), double(now_ms() - wall0), 5.0);
+    EXPECT_LE(QOSA_GetSysRunTime() - qosa::time::run_ms(ts), 50u) << "milliseconds of the boot clock";
+    EXPECT_LE(QOSA_GetSysRunTimeSec() - u32(ts.tv_sec), 1u);
     // Past 2^32 ms the run time starts again from 0; differences still come out right.
     EXPECT_EQ(qosa::time::run_ms({4294967, 296000000}), 0u);
     EXPECT_EQ(qosa::time::run_ms({4294968, 4000000}), 708u);
@@ -91,9 +88,8 @@ TEST(Clocks, RunTimeAndWallClock) {
     ASSERT_EQ(QOSA_GetTime(&utc), 0u);
     u64 after = now_ms();
     auto within = [&](u64 v, u64 unit) { return v >= before / unit && v <= after / unit; };
-    EXPECT_TRUE(within(ms, 1)) << before << " " << ms << " " << after;
+    EXPECT_TRUE(within(ms, 1) && within(ex_ms(ex), 1) && ex.ms < 1000) << before << " " << ms << " " << ex_ms(ex);
     EXPECT_TRUE(within(wsec, 1000) && within(u64(timegm(&utc)), 1000));
-    EXPECT_TRUE(ex.ms < 1000 && within(ex_ms(ex), 1)) << before << " " << ex_ms(ex);
     // Before 1970 the wall clock reads 0; seconds keep their low 32 bits.
     EXPECT_EQ(qosa::time::wall_ms({-1, 999999}), 0u);
     EXPECT_EQ(qosa::time::wall_ms({5, -1}), 0u);
@@ -102,39 +98,32 @@ TEST(Clocks, RunTimeAndWallClock) {
     EXPECT_EQ(ex_ms(ex), 1709642096789u);
 }
 
-TEST(Wrappers, FormatReentrantFormsAndPlatformRecord) {
-    time_t t = 1709642096;
+TEST(Wrappers, ErrorResultAndThePlatformRecord) {
     struct tm tm {};
-    ASSERT_EQ(QOSA_GmTime_S(&tm, &t), 0u);
-    char buf[32] = "x";
-    EXPECT_TRUE(QOSA_StrFtime(buf, sizeof buf, "", &tm) == 0 && buf[0] == 'x') << "an empty format writes nothing";
-    EXPECT_EQ(QOSA_StrFtime(buf, 10, "%Y-%m-%d", &tm), 0u) << "no room for the terminator";
-    EXPECT_EQ(QOSA_StrFtime(buf, 11, "%Y-%m-%d", &tm), 10u);
-    EXPECT_STREQ(buf, "2024-03-05");
-    ASSERT_EQ(QOSA_AscTime_S(&tm, buf), 0u);
-    EXPECT_STREQ(buf, "Tue Mar  5 12:34:56 2024\n");
+    char buf[32];
     tm.tm_year = 2147483647; // a year asctime cannot print
     EXPECT_EQ(QOSA_AscTime_S(&tm, buf), 0xFFFFFFFFu);
-    EXPECT_EQ(QOSA_GetTime(nullptr), 0u);
 
-    QOSA_SysTime s = at(2024, 3, 5, 12, 34, 56);
-    s.tm_wday = 2, s.tm_yday = 64, s.tm_isdst = 1, s.tm_gmtoff = 3600, s.tm_zone = "XYZ";
+    // Every field is copied; month and year move to the platform's origin.
+    QOSA_SysTime s{56, 34, 12, 5, 3, 2024, 2, 64, 1, 3600, "XYZ"};
     std::memset(&tm, 0x5A, sizeof tm);
     qosa::time::to_platform_tm(s, tm);
     EXPECT_TRUE(tm.tm_year == 124 && tm.tm_mon == 2) << tm.tm_year << ' ' << tm.tm_mon;
-    tm.tm_year = 2024, tm.tm_mon = 3;
-    EXPECT_EQ(std::memcmp(&tm, &s, sizeof tm), 0) << "every other field is copied as it is";
+    tm.tm_year = 2024;
+    tm.tm_mon = 3;
+    EXPECT_EQ(std::memcmp(&tm, &s, sizeof tm), 0);
 }
 
 TEST(SetSysTime, RefusalsLeaveTheClockAlone) {
-    // Seven records are refused before the system is asked (last error untouched); the system
-    // refuses a valid one and a time zone. The child exits with 1 + the first call that misbehaved.
+    // Seven records are refused before the system is asked (last error untouched), then the system
+    // refuses a valid one and a zone. The child exits with 1 + the first call that misbehaved.
     pid_t pid = fork();
     if (pid == 0) {
         __user_cap_header_struct hdr{_LINUX_CAPABILITY_VERSION_3, 0};
         __user_cap_data_struct cap[2]{};
         if (syscall(SYS_capget, &hdr, cap) != 0) _exit(255);
-        cap[0].effective &= ~(1u << CAP_SYS_TIME), cap[0].permitted &= ~(1u << CAP_SYS_TIME);
+        cap[0].effective &= ~(1u << CAP_SYS_TIME);
+        cap[0].permitted &= ~(1u << CAP_SYS_TIME);
         if (syscall(SYS_capset, &hdr, cap) != 0 || syscall(SYS_capget, &hdr, cap) != 0 ||
             (cap[0].effective & (1u << CAP_SYS_TIME)) != 0)
             _exit(255); // the privilege is still there: set nothing

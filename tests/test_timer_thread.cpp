@@ -1,6 +1,5 @@
 // The timer thread (tick accounting, tasklet queues, tick hooks, start and
-// stop) and the relative timers' wheel driven by hand: no timer thread runs
-// there; each reltm_trigger call is one pass (drain the requests, then ticks).
+// stop) and the relative timers' wheel driven by hand, one reltm_trigger call a pass.
 #include <gtest/gtest.h>
 
 #include <pthread.h>
@@ -18,8 +17,10 @@
 
 namespace {
 
+using namespace std::chrono_literals;
 using qosa::timer::cycle_ticks;
 using qosa::timer::CycleTicks;
+using qosa::timer::tickhook_count;
 
 void stop_service(pthread_t tid) {
     petimer_setQuitingFlag(1, 1);
@@ -34,7 +35,7 @@ void note(void* arg) { g_ran += *static_cast<const char*>(arg); }
 
 } // namespace
 
-TEST(TickAccounting, SleepsToTheNextBoundaryAndSettlesTheCarry) {
+TEST(TimerTicks, SleepsToTheNextBoundarySettlesTheCarryAndSlicesABurst) {
     using qosa::timer::sleep_us;
     EXPECT_EQ(sleep_us(0), 10000u);
     EXPECT_EQ(sleep_us(3), 7000u);
@@ -53,11 +54,9 @@ TEST(TickAccounting, SleepsToTheNextBoundaryAndSettlesTheCarry) {
     EXPECT_EQ(cycle_ticks(0, 10000, 0, 7), (CycleTicks{1, 7}));
     // A forward jump during the passes is sliced like one during the sleep.
     EXPECT_EQ(cycle_ticks(100000, 10000, 10, 0), (CycleTicks{1024, -(10000 - 1023) * 10}));
-}
 
-TEST(TickAccounting, ABurstIsHandedOverInSlicesUntilCaughtUp) {
-    constexpr u32 kHourMs = 3600000;
-    CycleTicks c = cycle_ticks(0, 10000, kHourMs, 0);
+    // An hour's jump is handed over in slices until caught up, every 10 ms once.
+    CycleTicks c = cycle_ticks(0, 10000, 3600000, 0);
     s64 handed = c.ticks, cycles = 1;
     while (c.ticks > 1) {
         c = cycle_ticks(0, 10000, 10, c.carry);
@@ -66,42 +65,43 @@ TEST(TickAccounting, ABurstIsHandedOverInSlicesUntilCaughtUp) {
         ++cycles;
     }
     EXPECT_EQ(c.carry, 0);
-    EXPECT_EQ(handed, kHourMs / 10 + (cycles - 1)); // every 10 ms of the clock, once
+    EXPECT_EQ(handed, 360000 + (cycles - 1));
     EXPECT_LT(cycles, 400);
 }
 
-// Started twice, a hook of period 3, and a stop that runs every queued request.
+// A failed start leaves nothing behind; the same hook twice gives two records.
 TEST(TimerThread, StartHooksAndStop) {
     static std::vector<s64> seen; // written by the timer thread, read after the join
-    static int done = 0;
-    const int hooksBefore = qosa::timer::tickhook_count();
+    const int hooksBefore = tickhook_count();
     auto hook = +[](s64 n) { seen.push_back(n); };
+    EXPECT_EQ(petimer_register_tickhook(hook, -1), 22u);
+    ASSERT_EQ(petimer_register_tickhook(hook, 1000), 0u); // not reached
+    pthread_attr_t attr;
+    ASSERT_EQ(pthread_attr_init(&attr), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&attr, std::size_t{1} << 45), 0); // no room for such a stack
+    pthread_t tid = static_cast<pthread_t>(12345), untouched = tid;
+    if (petimer_start(&tid, &attr) == 0)
+        stop_service(tid); // this system grants a 32-TiB stack
+    else
+        EXPECT_TRUE(tid == pthread_t{} && petimer_getTreadId() == pthread_t{} && qosa::timer::service_set_up() == 0);
+    pthread_attr_destroy(&attr);
+    EXPECT_EQ(tickhook_count(), hooksBefore + 1);
+
     ASSERT_EQ(petimer_register_tickhook(hook, 3), 0u);
-    pthread_t tid{}, untouched = static_cast<pthread_t>(12345);
     ASSERT_EQ(petimer_start(&tid, nullptr), 0u);
     EXPECT_TRUE(tid != pthread_t{} && petimer_getTreadId() == tid && qosa::timer::service_set_up() == 1);
     EXPECT_EQ(petimer_start(&untouched, nullptr), 0u);
     EXPECT_EQ(untouched, static_cast<pthread_t>(12345));
-    EXPECT_EQ(qosa::timer::tickhook_count(), hooksBefore + 3);
-    std::this_thread::sleep_for(std::chrono::milliseconds(600));
-
-    auto never = +[](void*) { ADD_FAILURE() << "fired"; };
-    void* running = petimer_create_reltimer(never, QOSA_TIMER_LOOP);
-    void* idle = petimer_create_reltimer(never, QOSA_TIMER_ONCE);
-    ASSERT_TRUE(running != nullptr && idle != nullptr);
-    __atomic_fetch_add(&g_reltmNum, 2, __ATOMIC_ACQ_REL);
-    ASSERT_EQ(petimer_start_reltimer(running, 60000, nullptr), 0u);
-    ASSERT_EQ(petimer_stop_reltimer_safe(
-                  idle, +[](void*) { ++done; }, nullptr),
-              0u);
-    ASSERT_EQ(petimer_start_reltimer_simple(60000, never, nullptr), 0u);
+    EXPECT_EQ(tickhook_count(), hooksBefore + 4) << "each of the service's hooks once";
+    std::this_thread::sleep_for(600ms);
     stop_service(tid);
-    EXPECT_EQ(done, 1);
-    EXPECT_EQ(__atomic_load_n(&g_reltmNum, __ATOMIC_ACQUIRE), 0);
-    EXPECT_EQ(petimer_start_reltimer(running, 10, nullptr), 22u);
     EXPECT_TRUE(petimer_getTreadId() == pthread_t{} && qosa::timer::service_set_up() == 0);
-    EXPECT_EQ(qosa::timer::tickhook_count(), hooksBefore + 1); // the thread took its own hooks off
+    EXPECT_EQ(tickhook_count(), hooksBefore + 2); // the thread took its own hooks off
     EXPECT_EQ(petimer_deregister_tickhook(hook), 0u);
+    EXPECT_EQ(petimer_deregister_tickhook(+[](s64) {}), 0u); // unknown: no change
+    EXPECT_EQ(tickhook_count(), hooksBefore + 1);
+    EXPECT_EQ(petimer_deregister_tickhook(hook), 0u);
+    EXPECT_EQ(tickhook_count(), hooksBefore);
 
     // About 20 calls of 3 ticks; a late cycle may hand over a little more.
     EXPECT_GE(seen.size(), qosa_test::kUnderTsan ? 5u : 10u);
@@ -114,86 +114,35 @@ TEST(TimerThread, StartHooksAndStop) {
     EXPECT_GE(threes * (qosa_test::kUnderTsan ? 4 : 2), seen.size()); // TSan makes late cycles common
 }
 
-TEST(TimerThread, FailedStartLeavesNothingBehind) {
-    const int hooksBefore = qosa::timer::tickhook_count();
-    pthread_attr_t attr;
-    ASSERT_EQ(pthread_attr_init(&attr), 0);
-    ASSERT_EQ(pthread_attr_setstacksize(&attr, std::size_t{1} << 45), 0); // no room for such a stack
-    pthread_t tid = static_cast<pthread_t>(12345);
-    u32 ret = petimer_start(&tid, &attr);
-    pthread_attr_destroy(&attr);
-    if (ret == 0) {
-        stop_service(tid);
-        GTEST_SKIP() << "this system grants a 32-TiB stack";
-    }
-    EXPECT_TRUE(tid == pthread_t{} && petimer_getTreadId() == pthread_t{} && qosa::timer::service_set_up() == 0);
-    EXPECT_EQ(qosa::timer::tickhook_count(), hooksBefore);
-    ASSERT_EQ(petimer_start(&tid, nullptr), 0u); // the retry registers each hook once
-    EXPECT_EQ(qosa::timer::tickhook_count(), hooksBefore + 2);
-    stop_service(tid);
-}
-
-TEST(Tasklets, OrderDrainAndDiscard) {
-    g_ran.clear();
-    ASSERT_EQ(tsklet_init(&g_q), 0);
-    EXPECT_EQ(tsklet_invokeall(&g_q), 0); // empty: nothing runs
-    for (char* c : {&A, &B, &C})
-        ASSERT_EQ(tsklet_invokelater(&g_q, note, c), 0u);
-    ASSERT_EQ(tsklet_invokefirst(&g_q, note, &D), 0u);
-    EXPECT_EQ(tsklet_invokeall(&g_q), 0);
-    EXPECT_EQ(tsklet_invokeall(&g_q), 0); // each ran once
-    EXPECT_EQ(g_ran, "DABC");
-    ASSERT_EQ(tsklet_invokelater(&g_q, note, &A), 0u);
-    EXPECT_EQ(tsklet_delinit(&g_q), 0u);
-    EXPECT_EQ(g_ran, "DABC"); // discarded unrun
-}
-
 // While a detached batch runs, another thread and the running tasklet may
 // queue; that waits for the next drain, and a front request still goes first.
-TEST(Tasklets, QueueingWhileADrainRuns) {
-    static std::atomic<bool> queued;
+TEST(Tasklets, OrderQueueingWhileADrainRunsAndDiscard) {
+    static std::atomic<bool> queued{false};
     static std::thread other;
-    g_ran.clear();
-    queued = false;
     ASSERT_EQ(tsklet_init(&g_q), 0);
     auto queue_more = +[](void*) {
         other = std::thread([] {
             EXPECT_EQ(tsklet_invokelater(&g_q, note, &S), 0u);
             queued = true;
         });
-        auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        while (!queued && std::chrono::steady_clock::now() < until)
+        for (auto end = std::chrono::steady_clock::now() + 5s; !queued && std::chrono::steady_clock::now() < end;)
             std::this_thread::yield();
         g_ran += queued ? 'X' : '-';
         EXPECT_EQ(tsklet_invokefirst(&g_q, note, &R), 0u);
     };
-    ASSERT_EQ(tsklet_invokelater(&g_q, queue_more, nullptr), 0u);
     ASSERT_EQ(tsklet_invokelater(&g_q, note, &A), 0u);
+    ASSERT_EQ(tsklet_invokelater(&g_q, queue_more, nullptr), 0u);
+    ASSERT_EQ(tsklet_invokelater(&g_q, note, &B), 0u);
+    ASSERT_EQ(tsklet_invokefirst(&g_q, note, &D), 0u);
     EXPECT_EQ(tsklet_invokeall(&g_q), 0);
     other.join();
-    EXPECT_EQ(g_ran, "XA");
+    EXPECT_EQ(g_ran, "DAXB");
     EXPECT_EQ(tsklet_invokeall(&g_q), 0);
-    EXPECT_EQ(g_ran, "XARS");
+    EXPECT_EQ(tsklet_invokeall(&g_q), 0); // each ran once
+    EXPECT_EQ(g_ran, "DAXBRS");
+    ASSERT_EQ(tsklet_invokelater(&g_q, note, &C), 0u);
     EXPECT_EQ(tsklet_delinit(&g_q), 0u);
-}
-
-TEST(TickHooks, RegistrationRules) {
-    auto hook = +[](s64) {};
-    const int before = qosa::timer::tickhook_count();
-    EXPECT_EQ(petimer_register_tickhook(hook, 0), 22u);
-    EXPECT_EQ(petimer_register_tickhook(hook, -1), 22u);
-    EXPECT_EQ(petimer_register_tickhook(nullptr, 1), 22u);
-    // The same function twice gives two records; one deregistration takes one.
-    ASSERT_EQ(petimer_register_tickhook(hook, 1), 0u);
-    ASSERT_EQ(petimer_register_tickhook(hook, 7), 0u);
-    EXPECT_EQ(qosa::timer::tickhook_count(), before + 2);
-    EXPECT_EQ(petimer_deregister_tickhook(hook), 0u);
-    EXPECT_EQ(petimer_deregister_tickhook(+[](s64) {}), 0u); // unknown: no change
-    EXPECT_EQ(petimer_deregister_tickhook(nullptr), 22u);
-    EXPECT_EQ(qosa::timer::tickhook_count(), before + 1);
-    EXPECT_EQ(petimer_deregister_tickhook(hook), 0u);
-    EXPECT_EQ(qosa::timer::tickhook_count(), before);
-    EXPECT_EQ(petimer_isQuiting(), 0u);
+    EXPECT_EQ(g_ran, "DAXBRS") << "discarded unrun";
 }
 
 namespace {
@@ -232,8 +181,6 @@ class Wheel : public ::testing::Test {
         passes(1);                      // carry out what is still queued
         EXPECT_EQ(delinit_reltm(), 0u); // frees the timers every test leaves behind
         EXPECT_EQ(live_count(), 0);
-        EXPECT_EQ(petimer_free_reltimerarg_safe(nullptr), 22u);
-        EXPECT_EQ(petimer_start_reltimer_simple(10, on_fire, nullptr), 12u);
     }
 };
 } // namespace
@@ -299,29 +246,13 @@ TEST_F(Wheel, OnceKeepsTheTimerOnceFreeReleasesItStaleHandlesAreRefused) {
     ASSERT_EQ(petimer_start_reltimer(h[0], 10, &kNames[0]), 0u); // stopped, not gone
     passes(3);
     EXPECT_EQ(g_log, "a1 b1 c3 a6 ");
-    EXPECT_EQ(petimer_start_reltimer_simple(30, nullptr, nullptr), 12u);
 
     void* misaligned = static_cast<char*>(h[0]) + 1;
-    for (void* bad :
-         {static_cast<void*>(nullptr), misaligned, static_cast<void*>(g_szRelTimer + ulMaxReltmNum), h[1]}) {
+    for (void* bad : {misaligned, static_cast<void*>(g_szRelTimer + ulMaxReltmNum), h[1]}) {
         EXPECT_EQ(petimer_start_reltimer(bad, 10, nullptr), 22u);
         EXPECT_EQ(petimer_stop_reltimer_safe(bad, nullptr, nullptr), 22u);
         EXPECT_EQ(petimer_free_reltimer(bad), 22u);
     }
     EXPECT_EQ(petimer_free_reltimer(h[0]), 0u);
     EXPECT_EQ(petimer_free_reltimer(h[0]), 22u);
-}
-
-TEST_F(Wheel, LongCallbackWarningNamesTimersWithoutPosition) {
-    static std::string trace;
-    QOSA_TimerRegDebugTrace([](const char* text) { trace += text; });
-    start(QOSA_TIMER_ONCE, {10}, [](void*) {
-        for (u32 until = QOSA_GetSysRunTime() + 110; static_cast<s32>(QOSA_GetSysRunTime() - until) < 0;) {
-        }
-    });
-    passes(2);
-    QOSA_TimerRegDebugTrace(nullptr);
-    EXPECT_EQ(trace.rfind("warning: timer_timeout_proc execution time is too long! timer[unknown:0] takes time 1", 0),
-              0u)
-        << trace;
 }
