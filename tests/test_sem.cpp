@@ -138,6 +138,23 @@ TEST(Sem, WaitersInArrivalOrderAndSignals) {
     EXPECT_EQ(QOSA_SemDestroy(&s), 0);
 }
 
+// A waiter that got its unit no longer touches the semaphore, whether it was
+// still spinning or asleep: the poster may destroy and free it at once.
+TEST(Sem, PosterMayFreeTheSemaphoreRightAfterItsPost) {
+    for (int i = 0; i < 2000; ++i) {
+        auto* s = new QOSA_SEM_S{};
+        ASSERT_EQ(QOSA_SemInit(s, 0, 0), 0);
+        std::thread waiter([s] { EXPECT_EQ(QOSA_SemWait(s), 0); });
+        while (qosa::sync::fifo_waiters(reinterpret_cast<qosa::sync::FifoSem*>(s->sem.aullStore)) == 0)
+            std::this_thread::yield();
+        if (i % 2 == 1) std::this_thread::sleep_for(std::chrono::microseconds(200));
+        ASSERT_EQ(QOSA_SemPost(s), 0);
+        ASSERT_EQ(QOSA_SemDestroy(s), 0);
+        delete s;
+        waiter.join();
+    }
+}
+
 TEST(Sem, SystemVSet) {
     s32 id = QOSA_SemGet(IPC_PRIVATE, 2, IPC_CREAT | 0600);
     ASSERT_GE(id, 0) << errno;

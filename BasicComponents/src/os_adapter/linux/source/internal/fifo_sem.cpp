@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <new>
@@ -13,6 +14,7 @@ namespace qosa::sync {
 
 struct FifoWaiter {
     std::atomic<std::uint32_t> state; // kWaiting, kSleeping or kGranted
+    std::int64_t queuedAt;            // monotonic ns when it joined the list
     FifoWaiter* prev;
     FifoWaiter* next;
 };
@@ -24,6 +26,8 @@ constexpr std::uint32_t kWaiting = 0;  // queued, not asleep yet
 constexpr std::uint32_t kSleeping = 2; // queued, may be asleep in the kernel: a grant must wake it
 constexpr std::uint32_t kGranted = 1;  // a post handed it a unit
 constexpr std::int64_t kNsPerSec = 1000000000;
+// The longest a waiter that found no unit watches for one before it sleeps.
+constexpr std::uint16_t kFifoSpinMaxNs = 10000;
 
 void cpu_relax() {
 #if defined(__x86_64__) || defined(__i386__)
@@ -83,13 +87,63 @@ void remove(FifoSem* s, FifoWaiter* w) {
     (w->next != nullptr ? w->next->prev : s->tail) = w->prev;
 }
 
-timespec monotonic_after(std::int64_t ns) {
+std::int64_t monotonic_ns() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    std::int64_t total = now.tv_nsec + ns % kNsPerSec;
+    return now.tv_sec * kNsPerSec + now.tv_nsec;
+}
+
+// Spinning threads of the whole process, and how many may spin at once: at
+// most half the processors, so spinners never crowd out the threads they
+// wait for (none on a single processor).
+std::atomic<int> g_spinners{0};
+const int kMaxSpinners = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN) / 2);
+
+// A queued waiter watches its node until the monotonic time until before it
+// sleeps: a post that comes within that time costs neither side a system
+// call, and neither CPU goes idle between the two. True when the unit came;
+// false at once when enough other threads are spinning already.
+bool spin_for_grant(const FifoWaiter* w, std::int64_t until) {
+    if (g_spinners.fetch_add(1, std::memory_order_relaxed) >= kMaxSpinners) {
+        g_spinners.fetch_sub(1, std::memory_order_relaxed);
+        return false;
+    }
+    bool granted = false;
+    for (unsigned i = 1;; ++i) {
+        if (w->state.load(std::memory_order_acquire) == kGranted) {
+            granted = true;
+            break;
+        }
+        cpu_relax();
+        if (i % 64 == 0 && monotonic_ns() >= until) break;
+    }
+    g_spinners.fetch_sub(1, std::memory_order_relaxed);
+    return granted;
+}
+
+// Learns the spin time from a unit that took waited ns to come (lock held):
+// spinning pays off when units come within kFifoSpinMaxNs, so the time moves
+// towards twice the waits seen; a longer wait halves it, down to no spinning
+// where units come only after long pauses (or the poster was not running).
+void learn(FifoSem* s, std::int64_t waited) {
+    std::int64_t spin = s->spinNs;
+    if (waited >= kFifoSpinMaxNs)
+        spin /= 2;
+    else
+        spin += (std::min<std::int64_t>(2 * waited + 500, kFifoSpinMaxNs) - spin) / 4;
+    s->spinNs = static_cast<std::uint16_t>(spin);
+}
+
+// How long the longest waiter spins (lock held). Every 16th wait spins in
+// full whatever was learnt: where both sides had stopped spinning, each
+// waits for the other's wake-up and the waits look long; a full spin finds
+// out whether the units would come quickly to a thread that stays awake.
+std::int64_t spin_time(FifoSem* s) { return ++s->waits % 16 == 0 ? kFifoSpinMaxNs : s->spinNs; }
+
+timespec to_timespec(std::int64_t ns) {
     timespec at{};
-    at.tv_sec = now.tv_sec + static_cast<time_t>(ns / kNsPerSec + total / kNsPerSec);
-    at.tv_nsec = static_cast<long>(total % kNsPerSec);
+    at.tv_sec = static_cast<time_t>(ns / kNsPerSec);
+    at.tv_nsec = static_cast<long>(ns % kNsPerSec);
     return at;
 }
 
@@ -97,7 +151,7 @@ timespec monotonic_after(std::int64_t ns) {
 
 bool fifo_init(FifoSem* s, std::uint32_t value) {
     if (value > kFifoMaxCount) return false;
-    new (s) FifoSem{{0}, kFifoLive, value, 0, nullptr, nullptr};
+    new (s) FifoSem{{0}, kFifoLive, value, kFifoSpinMaxNs, 0, nullptr, nullptr};
     return true;
 }
 
@@ -131,6 +185,7 @@ SemStatus fifo_post(FifoSem* s) {
         return st;
     }
     remove(s, w);
+    learn(s, monotonic_ns() - w->queuedAt);
     std::uint32_t was = w->state.exchange(kGranted, std::memory_order_acq_rel);
     unlock(s);
     // The waiter may already be gone with its node; a wake-up on that address
@@ -154,12 +209,18 @@ SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs, bool interruptible) {
         unlock(s);
         return SemStatus::would_block;
     }
-    FifoWaiter self{{kWaiting}, nullptr, nullptr};
+    FifoWaiter self{{kWaiting}, monotonic_ns(), nullptr, nullptr};
     append(s, &self);
+    // Only the longest waiter spins: the next unit is its own.
+    std::int64_t spin = s->head == &self ? spin_time(s) : 0;
     unlock(s);
 
+    // Once granted, the waiter touches the semaphore no more: the thread that
+    // posted may destroy it as soon as nobody is queued.
+    if (timeoutNs > 0 && timeoutNs < spin) spin = timeoutNs;
+    if (spin > 0 && spin_for_grant(&self, self.queuedAt + spin)) return SemStatus::ok;
     timespec deadline{};
-    if (timeoutNs > 0) deadline = monotonic_after(timeoutNs);
+    if (timeoutNs > 0) deadline = to_timespec(self.queuedAt + timeoutNs);
     bool interrupted = false;
     for (;;) {
         std::uint32_t st = self.state.load(std::memory_order_acquire);
@@ -177,7 +238,10 @@ SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs, bool interruptible) {
     // this waiter first.
     lock(s);
     bool granted = self.state.load(std::memory_order_acquire) == kGranted;
-    if (!granted) remove(s, &self);
+    if (!granted) {
+        remove(s, &self);
+        learn(s, kFifoSpinMaxNs);
+    }
     unlock(s);
     if (granted) return SemStatus::ok;
     return interrupted ? SemStatus::interrupted : SemStatus::timed_out;

@@ -7,6 +7,8 @@
 // stays 0), so a later arrival can never overtake it; only a waiter that went
 // to sleep costs a wake-up call. A timed-out waiter takes itself off the list
 // under the lock, unless a post reached it first (then the wait succeeded).
+// Before it sleeps, a waiter spins on its node for a while that each
+// semaphore learns from how long its units took to come (see fifo_wait).
 // Waits are timed on CLOCK_MONOTONIC and go on after a signal handler ran.
 #pragma once
 
@@ -32,8 +34,9 @@ struct FifoSem {
     std::atomic<std::uint32_t> lock; // 0 free, 1 held, 2 held and contended
     std::uint32_t magic;             // kFifoLive while initialised
     std::uint32_t count;             // free units; non-zero only while nobody waits
-    std::uint32_t reserved;
-    FifoWaiter* head; // the longest waiter
+    std::uint16_t spinNs;            // how long the longest waiter spins before it sleeps (learnt)
+    std::uint16_t waits;             // waits that found no unit (wraps): every 16th spins in full
+    FifoWaiter* head;                // the longest waiter
     FifoWaiter* tail;
 };
 
