@@ -15,6 +15,7 @@ namespace qosa::sync {
 struct FifoWaiter {
     std::atomic<std::uint32_t> state; // kWaiting, kSleeping or kGranted
     std::int64_t queuedAt;            // monotonic ns when it joined the list
+    std::int64_t spinNs;              // how long it spins before it sleeps (0: it does not)
     FifoWaiter* prev;
     FifoWaiter* next;
 };
@@ -121,23 +122,24 @@ bool spin_for_grant(const FifoWaiter* w, std::int64_t until) {
     return granted;
 }
 
-// Learns the spin time from a unit that took waited ns to come (lock held):
-// spinning pays off when units come within kFifoSpinMaxNs, so the time moves
-// towards twice the waits seen; a longer wait halves it, down to no spinning
-// where units come only after long pauses (or the poster was not running).
-void learn(FifoSem* s, std::int64_t waited) {
+// Learns the spin time from a waiter that spun (lock held): a unit that
+// came while it still spun, waited ns after it queued, moves the time
+// towards twice that; one that found it asleep (or none, on a time-out)
+// halves it, down to no spinning where units come only after long pauses or
+// the spinner keeps the poster from running.
+void learn(FifoSem* s, bool cameInTime, std::int64_t waited) {
     std::int64_t spin = s->spinNs;
-    if (waited >= kFifoSpinMaxNs)
-        spin /= 2;
-    else
+    if (cameInTime)
         spin += (std::min<std::int64_t>(2 * waited + 500, kFifoSpinMaxNs) - spin) / 4;
+    else
+        spin /= 2;
     s->spinNs = static_cast<std::uint16_t>(spin);
 }
 
 // How long the longest waiter spins (lock held). Every 16th wait spins in
-// full whatever was learnt: where both sides had stopped spinning, each
-// waits for the other's wake-up and the waits look long; a full spin finds
-// out whether the units would come quickly to a thread that stays awake.
+// full whatever was learnt: where both sides of a hand-off had stopped
+// spinning, a full spin finds out whether units would come quickly to a
+// thread that stays awake.
 std::int64_t spin_time(FifoSem* s) { return ++s->waits % 16 == 0 ? kFifoSpinMaxNs : s->spinNs; }
 
 timespec to_timespec(std::int64_t ns) {
@@ -185,8 +187,10 @@ SemStatus fifo_post(FifoSem* s) {
         return st;
     }
     remove(s, w);
-    learn(s, monotonic_ns() - w->queuedAt);
+    std::int64_t spun = w->spinNs;
+    std::int64_t waited = spun > 0 ? monotonic_ns() - w->queuedAt : 0;
     std::uint32_t was = w->state.exchange(kGranted, std::memory_order_acq_rel);
+    if (spun > 0) learn(s, was == kWaiting, waited);
     unlock(s);
     // The waiter may already be gone with its node; a wake-up on that address
     // is at worst a spurious one, which every futex waiter tolerates.
@@ -209,16 +213,15 @@ SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs, bool interruptible) {
         unlock(s);
         return SemStatus::would_block;
     }
-    FifoWaiter self{{kWaiting}, monotonic_ns(), nullptr, nullptr};
+    FifoWaiter self{{kWaiting}, monotonic_ns(), 0, nullptr, nullptr};
     append(s, &self);
     // Only the longest waiter spins: the next unit is its own.
-    std::int64_t spin = s->head == &self ? spin_time(s) : 0;
+    if (s->head == &self) self.spinNs = std::min(spin_time(s), timeoutNs > 0 ? timeoutNs : kFifoSpinMaxNs);
     unlock(s);
 
     // Once granted, the waiter touches the semaphore no more: the thread that
     // posted may destroy it as soon as nobody is queued.
-    if (timeoutNs > 0 && timeoutNs < spin) spin = timeoutNs;
-    if (spin > 0 && spin_for_grant(&self, self.queuedAt + spin)) return SemStatus::ok;
+    if (self.spinNs > 0 && spin_for_grant(&self, self.queuedAt + self.spinNs)) return SemStatus::ok;
     timespec deadline{};
     if (timeoutNs > 0) deadline = to_timespec(self.queuedAt + timeoutNs);
     bool interrupted = false;
@@ -240,7 +243,7 @@ SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs, bool interruptible) {
     bool granted = self.state.load(std::memory_order_acquire) == kGranted;
     if (!granted) {
         remove(s, &self);
-        learn(s, kFifoSpinMaxNs);
+        if (self.spinNs > 0) learn(s, false, 0);
     }
     unlock(s);
     if (granted) return SemStatus::ok;
