@@ -153,6 +153,22 @@ TEST(Sem, PosterMayFreeTheSemaphoreRightAfterItsPost) {
         delete s;
         waiter.join();
     }
+
+    // A post that comes while a signal handler interrupts the wait: the
+    // waiter has its unit and returns without touching the freed semaphore.
+    struct sigaction sa {};
+    sa.sa_handler = [](int) { std::this_thread::sleep_for(std::chrono::milliseconds(30)); };
+    ASSERT_EQ(sigaction(SIGUSR2, &sa, nullptr), 0); // no SA_RESTART
+    auto* s = new QOSA_SEM_S{};
+    ASSERT_EQ(QOSA_SemInit(s, 0, 0), 0);
+    std::thread waiter([s] { EXPECT_EQ(QOSA_SemWait(s), 0); });
+    wait_for_waiters(s, 1);
+    pthread_kill(waiter.native_handle(), SIGUSR2);
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_EQ(QOSA_SemPost(s), 0);
+    ASSERT_EQ(QOSA_SemDestroy(s), 0);
+    delete s;
+    waiter.join();
 }
 
 TEST(Sem, SystemVSet) {

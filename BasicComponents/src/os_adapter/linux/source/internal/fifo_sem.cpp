@@ -3,10 +3,12 @@
 
 #include <linux/futex.h>
 #include <sys/syscall.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <ctime>
 #include <new>
 
@@ -26,9 +28,11 @@ constexpr std::uint32_t kFifoLive = 0x46494630u;
 constexpr std::uint32_t kWaiting = 0;  // queued, not asleep yet
 constexpr std::uint32_t kSleeping = 2; // queued, may be asleep in the kernel: a grant must wake it
 constexpr std::uint32_t kGranted = 1;  // a post handed it a unit
+constexpr std::uint32_t kLeaving = 3;  // timed out or interrupted: posts pass it by, it unlinks itself
 constexpr std::int64_t kNsPerSec = 1000000000;
 // The longest a waiter that found no unit watches for one before it sleeps.
 constexpr std::uint16_t kFifoSpinMaxNs = 10000;
+static_assert(kFifoSpinMaxNs <= UINT16_MAX / 2, "the learnt spin time moves within a 16-bit field");
 
 void cpu_relax() {
 #if defined(__x86_64__) || defined(__i386__)
@@ -39,7 +43,7 @@ void cpu_relax() {
 std::uint32_t* word(std::atomic<std::uint32_t>* a) { return reinterpret_cast<std::uint32_t*>(a); }
 
 // Sleeps while *a holds expected, until the absolute CLOCK_MONOTONIC deadline
-// (none: no limit). True when the deadline passed.
+// (none: no limit).
 // 0 when woken (or the word had changed), else the error: ETIMEDOUT, EINTR.
 int futex_wait(std::atomic<std::uint32_t>* a, std::uint32_t expected, const timespec* deadline) {
     long r = syscall(SYS_futex, word(a), FUTEX_WAIT_BITSET | FUTEX_PRIVATE_FLAG, expected, deadline, nullptr,
@@ -83,9 +87,10 @@ void append(FifoSem* s, FifoWaiter* w) {
     s->tail = w;
 }
 
-void remove(FifoSem* s, FifoWaiter* w) {
-    (w->prev != nullptr ? w->prev->next : s->head) = w->next;
-    (w->next != nullptr ? w->next->prev : s->tail) = w->prev;
+// Unlinks the waiter between prev and next (either may be NULL).
+void unlink(FifoSem* s, FifoWaiter* prev, FifoWaiter* next) {
+    (prev != nullptr ? prev->next : s->head) = next;
+    (next != nullptr ? next->prev : s->tail) = prev;
 }
 
 std::int64_t monotonic_ns() {
@@ -95,17 +100,25 @@ std::int64_t monotonic_ns() {
 }
 
 // Spinning threads of the whole process, and how many may spin at once: at
-// most half the processors, so spinners never crowd out the threads they
-// wait for (none on a single processor).
+// most half the processors this process may run on, so spinners never crowd
+// out the threads they wait for (none on a single processor).
 std::atomic<int> g_spinners{0};
-const int kMaxSpinners = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN) / 2);
+int max_spinners() {
+    static const int n = [] {
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        long cpus = sched_getaffinity(0, sizeof set, &set) == 0 ? CPU_COUNT(&set) : sysconf(_SC_NPROCESSORS_ONLN);
+        return static_cast<int>(cpus / 2);
+    }();
+    return n;
+}
 
 // A queued waiter watches its node until the monotonic time until before it
 // sleeps: a post that comes within that time costs neither side a system
 // call, and neither CPU goes idle between the two. True when the unit came;
 // false at once when enough other threads are spinning already.
 bool spin_for_grant(const FifoWaiter* w, std::int64_t until) {
-    if (g_spinners.fetch_add(1, std::memory_order_relaxed) >= kMaxSpinners) {
+    if (g_spinners.fetch_add(1, std::memory_order_relaxed) >= max_spinners()) {
         g_spinners.fetch_sub(1, std::memory_order_relaxed);
         return false;
     }
@@ -116,7 +129,7 @@ bool spin_for_grant(const FifoWaiter* w, std::int64_t until) {
             break;
         }
         cpu_relax();
-        if (i % 64 == 0 && monotonic_ns() >= until) break;
+        if (i % 8 == 0 && monotonic_ns() >= until) break;
     }
     g_spinners.fetch_sub(1, std::memory_order_relaxed);
     return granted;
@@ -176,26 +189,34 @@ SemStatus fifo_post(FifoSem* s) {
         unlock(s);
         return SemStatus::invalid;
     }
-    FifoWaiter* w = s->head;
-    if (w == nullptr) {
-        SemStatus st = SemStatus::overflow;
-        if (s->count < kFifoMaxCount) {
-            ++s->count;
-            st = SemStatus::ok;
+    // The unit goes to the longest waiter that is not leaving. Everything
+    // needed of its node is read before the grant: once granted, the waiter
+    // may return and its node is gone (its neighbours stay: they are linked).
+    for (FifoWaiter* w = s->head; w != nullptr; w = w->next) {
+        FifoWaiter* prev = w->prev;
+        FifoWaiter* next = w->next;
+        std::int64_t spun = w->spinNs;
+        std::int64_t waited = spun > 0 ? monotonic_ns() - w->queuedAt : 0;
+        std::uint32_t was = w->state.load(std::memory_order_acquire);
+        while (was != kLeaving &&
+               !w->state.compare_exchange_weak(was, kGranted, std::memory_order_acq_rel, std::memory_order_acquire)) {
         }
+        if (was == kLeaving) continue;
+        unlink(s, prev, next);
+        if (spun > 0) learn(s, was == kWaiting, waited);
         unlock(s);
-        return st;
+        // A wake-up on the address of a node that is gone already is at
+        // worst a spurious one, which every futex waiter tolerates.
+        if (was == kSleeping) futex_wake_one(&w->state);
+        return SemStatus::ok;
     }
-    remove(s, w);
-    std::int64_t spun = w->spinNs;
-    std::int64_t waited = spun > 0 ? monotonic_ns() - w->queuedAt : 0;
-    std::uint32_t was = w->state.exchange(kGranted, std::memory_order_acq_rel);
-    if (spun > 0) learn(s, was == kWaiting, waited);
+    SemStatus st = SemStatus::overflow;
+    if (s->count < kFifoMaxCount) {
+        ++s->count;
+        st = SemStatus::ok;
+    }
     unlock(s);
-    // The waiter may already be gone with its node; a wake-up on that address
-    // is at worst a spurious one, which every futex waiter tolerates.
-    if (was == kSleeping) futex_wake_one(&w->state);
-    return SemStatus::ok;
+    return st;
 }
 
 SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs, bool interruptible) {
@@ -222,6 +243,8 @@ SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs, bool interruptible) {
     // Once granted, the waiter touches the semaphore no more: the thread that
     // posted may destroy it as soon as nobody is queued.
     if (self.spinNs > 0 && spin_for_grant(&self, self.queuedAt + self.spinNs)) return SemStatus::ok;
+    // A time-out too long to add to the clock is no limit.
+    if (timeoutNs > INT64_MAX - self.queuedAt) timeoutNs = -1;
     timespec deadline{};
     if (timeoutNs > 0) deadline = to_timespec(self.queuedAt + timeoutNs);
     bool interrupted = false;
@@ -237,16 +260,17 @@ SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs, bool interruptible) {
             break;
         }
     }
-    // The deadline passed (or a signal came); a post may still have reached
-    // this waiter first.
+    // The deadline passed (or a signal came). Unless a post reached this
+    // waiter first (then it has its unit and is done with the semaphore), it
+    // leaves: posts pass it by, and it stays linked (the semaphore cannot be
+    // destroyed) until it has unlinked itself.
+    std::uint32_t st = kSleeping;
+    if (!self.state.compare_exchange_strong(st, kLeaving, std::memory_order_acq_rel, std::memory_order_acquire))
+        return SemStatus::ok;
     lock(s);
-    bool granted = self.state.load(std::memory_order_acquire) == kGranted;
-    if (!granted) {
-        remove(s, &self);
-        if (self.spinNs > 0) learn(s, false, 0);
-    }
+    unlink(s, self.prev, self.next);
+    if (self.spinNs > 0 && !interrupted) learn(s, false, 0);
     unlock(s);
-    if (granted) return SemStatus::ok;
     return interrupted ? SemStatus::interrupted : SemStatus::timed_out;
 }
 

@@ -5,8 +5,11 @@
 // waiter's node lives on its own stack. A post while someone waits takes the
 // oldest waiter off the list and hands the unit to it directly (the count
 // stays 0), so a later arrival can never overtake it; only a waiter that went
-// to sleep costs a wake-up call. A timed-out waiter takes itself off the list
+// to sleep costs a wake-up call. A timed-out (or interrupted) waiter marks
+// itself leaving, so that posts pass it by, and takes itself off the list
 // under the lock, unless a post reached it first (then the wait succeeded).
+// A waiter that has its unit never touches the semaphore again: the poster
+// may destroy it as soon as nobody is queued.
 // Before it sleeps, a waiter spins on its node for a while that each
 // semaphore learns from how long its units took to come (see fifo_wait).
 // Waits are timed on CLOCK_MONOTONIC and go on after a signal handler ran.
@@ -35,7 +38,7 @@ struct FifoSem {
     std::uint32_t magic;             // kFifoLive while initialised
     std::uint32_t count;             // free units; non-zero only while nobody waits
     std::uint16_t spinNs;            // how long the longest waiter spins before it sleeps (learnt)
-    std::uint16_t waits;             // waits that found no unit (wraps): every 16th spins in full
+    std::uint16_t waits;             // waiters that queued first (wraps): every 16th spins in full
     FifoWaiter* head;                // the longest waiter
     FifoWaiter* tail;
 };
