@@ -2,6 +2,7 @@
 #include "fifo_sem.h"
 
 #include <linux/futex.h>
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <sched.h>
 #include <unistd.h>
@@ -101,10 +102,12 @@ std::int64_t monotonic_ns() {
 
 // Spinning threads of the whole process, and how many may spin at once: at
 // most half the processors this process may run on, so spinners never crowd
-// out the threads they wait for (none on a single processor).
+// out the threads they wait for (none on a single processor). A child of
+// fork starts with no spinners: the threads that spun stayed behind.
 std::atomic<int> g_spinners{0};
 int max_spinners() {
     static const int n = [] {
+        pthread_atfork(nullptr, nullptr, [] { g_spinners.store(0, std::memory_order_relaxed); });
         cpu_set_t set;
         CPU_ZERO(&set);
         long cpus = sched_getaffinity(0, sizeof set, &set) == 0 ? CPU_COUNT(&set) : sysconf(_SC_NPROCESSORS_ONLN);
