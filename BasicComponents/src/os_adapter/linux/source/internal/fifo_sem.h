@@ -36,7 +36,7 @@ struct FifoWaiter;
 struct FifoSem {
     std::atomic<std::uint32_t> lock; // 0 free, 1 held, 2 held and contended
     std::uint32_t magic;             // kFifoLive while initialised
-    std::uint32_t count;             // free units; non-zero only while nobody waits
+    std::uint32_t count;             // free units; non-zero only while none but leaving waiters are queued
     std::uint16_t spinNs;            // how long the longest waiter spins before it sleeps (learnt)
     std::uint16_t waits;             // waiters that queued first (wraps): every 16th spins in full
     FifoWaiter* head;                // the longest waiter
