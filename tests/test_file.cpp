@@ -84,9 +84,9 @@ TEST(FileMkDirP, CreatesEveryLevelWhateverTheSeparators) {
     char old[PATH_MAX];
     ASSERT_NE(QOSA_GetCwd(old, sizeof old), nullptr);
     ASSERT_EQ(QOSA_ChDir(dir.path.c_str()), 0);
-    for (const char* path : {"a/b/c", "x\\y", "\\rel\\sub", "a/b/c", ".", ".."})
+    for (const char* path : {"a/b/c", "ab/c/", "x\\y", "logs", "\\rel\\sub", "a/b/c", ".", ".."})
         EXPECT_EQ(QOSA_MkDir_P(path, 0755), 0) << path;
-    for (const char* made : {"a/b/c", "x/y", "rel/sub"})
+    for (const char* made : {"a", "a/b", "a/b/c", "ab/c", "x/y", "logs", "rel/sub"})
         EXPECT_TRUE(fs::is_directory(made)) << made;
     write_file("plain", "not a directory");
     EXPECT_EQ(QOSA_MkDir_P("plain/sub/deeper", 0755), 0) << "levels that cannot be made change nothing";
@@ -113,13 +113,18 @@ TEST(FileRelPath, ResolvesAndNeedsRoomForTheTerminator) {
 TEST(FileCopy, CopiesWholeFilesAndReportsEveryFailure) {
     TempDir dir;
     const std::string src = dir / "src", dst = dir / "dst";
-    const std::string content = std::string(1000, 'a') + std::string(553, 'b'); // three chunks and a bit
+    std::string content; // three chunks and a bit, no two alike
+    for (int i = 0; i < 3 * 512 + 17; ++i)
+        content += static_cast<char>(i * 7 + 3);
     write_file(src, content);
     write_file(dst, std::string(5000, 'z'));
     EXPECT_EQ(QOSA_CopyFile(src.c_str(), dst.c_str()), 0);
     EXPECT_EQ(read_file(dst), content) << "a longer destination is cut to the source's length";
     EXPECT_EQ(QOSA_CopyFile(src.c_str(), src.c_str()), 0) << "onto itself";
     EXPECT_EQ(read_file(src), content);
+    write_file(dir / "empty", "");
+    EXPECT_EQ(QOSA_CopyFile((dir / "empty").c_str(), dst.c_str()), 0);
+    EXPECT_EQ(read_file(dst), "") << "an empty source gives an empty copy";
     EXPECT_EQ(QOSA_CopyFile((dir / "missing").c_str(), (dir / "never").c_str()), -1);
     EXPECT_FALSE(fs::exists(dir / "never"));
     // A directory opens but cannot be read; a full device takes no bytes.

@@ -2,9 +2,11 @@
 // to this process or to children it started.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -53,10 +55,28 @@ TEST(Signal, BlockedSignalIsPendingUntilTaken) {
     ASSERT_EQ(QOSA_SigProcmask(SIG_SETMASK, &old, nullptr), 0);
 }
 
+static std::atomic<int> s_caught{0};
+
 TEST(Stubs, LastErrorAndMappingOffsets) {
+    sigset_t set{};
+    siginfo_t info{};
+    EXPECT_EQ(QOSA_SigWaitInfo(&set, &info), 0) << "returns at once";
+    EXPECT_EQ(QOSA_SigTimedWait(&set, &info, nullptr), 0);
+    QOSA_Signal(SIGUSR1, [](int) { ++s_caught; });
+    EXPECT_EQ(QOSA_SigQueue(QOSA_GetPID(), SIGUSR1, sigval{}), -1);
+    EXPECT_EQ(s_caught, 0) << "nothing is sent";
+    QOSA_Signal(SIGUSR1, SIG_DFL);
+
     QOSA_SetLastErr(1234);
     EXPECT_EQ(QOSA_ShmGet(IPC_PRIVATE, 4096, IPC_CREAT | 0600), -1);
+    EXPECT_EQ(QOSA_ShmAt(0, nullptr, 0), nullptr);
+    EXPECT_EQ(QOSA_ShmDt(nullptr), -1);
+    EXPECT_EQ(QOSA_ShmCtl(0, IPC_RMID, nullptr), -1);
+    EXPECT_EQ(QOSA_CreateProcess("/bin/true", nullptr), 0);
     EXPECT_EQ(QOSA_GetLastErr(), 1234u);
+    EXPECT_EQ(QOSA_ShmOpen("/qosa-test", O_RDWR | O_CREAT, 0600), -1);
+    EXPECT_EQ(QOSA_GetLastErr(), static_cast<u32>(ENOSYS));
+    QOSA_SetLastErr(0);
     EXPECT_EQ(QOSA_ShmUnLink("/qosa-test"), -1);
     EXPECT_EQ(QOSA_GetLastErr(), static_cast<u32>(ENOSYS));
 

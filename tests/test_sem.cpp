@@ -182,4 +182,5 @@ TEST(Sem, SystemVSet) {
     EXPECT_EQ(QOSA_SemCtl(id, 1, GETVAL, arg), 1);
     EXPECT_EQ(QOSA_SemOp(id, ops, 1), -1) << "2 asked, 1 left";
     EXPECT_EQ(QOSA_SemCtl(id, 0, IPC_RMID, arg), 0);
+    EXPECT_EQ(QOSA_SemCtl(id, 0, GETVAL, arg), -1) << "the set is gone";
 }

@@ -6,6 +6,8 @@
 #include <fcntl.h>
 #include <ifaddrs.h>
 #include <net/if.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -137,11 +139,21 @@ TEST(SocketPortTable, OnlyWellFormedLinesAfterTheHeaderMatch) {
     EXPECT_EQ(qosaGet_Port_State(path.c_str(), 0x1F90, &state), -1);
 }
 
-TEST(SocketCloseOnExec, MarksTheDescriptorAndReportsABadOne) {
+// Whether descriptor fd is still open in a program started with exec.
+bool open_after_exec(int fd) {
+    std::string script = "test -e /proc/self/fd/" + std::to_string(fd);
+    char* argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), script.data(), nullptr};
+    pid_t pid = 0;
+    int status = 0;
+    return posix_spawn(&pid, "/bin/sh", nullptr, nullptr, argv, environ) == 0 && waitpid(pid, &status, 0) == pid &&
+           WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+TEST(SocketCloseOnExec, MarkedSocketIsClosedInAnExecutedProgram) {
     const s32 fd = QOSA_Socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+    ASSERT_TRUE(open_after_exec(fd)) << "the check itself must see an inherited descriptor";
     EXPECT_EQ(orv_set_socketport_no_inherit(fd), 0);
-    EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    EXPECT_FALSE(open_after_exec(fd));
     QOSA_CloseSocket(fd);
     EXPECT_TRUE(orv_set_socketport_no_inherit(-1) == -1 && errno == EBADF);
 }

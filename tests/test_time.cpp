@@ -78,6 +78,10 @@ TEST(Clocks, RunTimeAndWallClock) {
     EXPECT_EQ(qosa::time::run_ms({4294967, 296000000}), 0u);
     EXPECT_EQ(qosa::time::run_ms({4294968, 4000000}), 708u);
     EXPECT_EQ(u32(708u - qosa::time::run_ms({4294967, 200000000})), 804u);
+    u32 run0 = QOSA_GetSysRunTime();
+    u64 wall0 = now_ms();
+    usleep(1000000);
+    EXPECT_NEAR(double(u32(QOSA_GetSysRunTime() - run0)), double(now_ms() - wall0), 5.0) << "runs at the wall's pace";
 
     u64 before = now_ms();
     u64 ms = QOSA_GetSystemTime();
