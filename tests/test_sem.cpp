@@ -145,6 +145,7 @@ TEST(Sem, PosterMayFreeTheSemaphoreRightAfterItsPost) {
         auto* s = new QOSA_SEM_S{};
         ASSERT_EQ(QOSA_SemInit(s, 0, 0), 0);
         std::thread waiter([s] { EXPECT_EQ(QOSA_SemWait(s), 0); });
+        // Yields rather than sleeps (as wait_for_waiters does): the post must often find the waiter still spinning.
         while (qosa::sync::fifo_waiters(reinterpret_cast<qosa::sync::FifoSem*>(s->sem.aullStore)) == 0)
             std::this_thread::yield();
         if (i % 2 == 1) std::this_thread::sleep_for(std::chrono::microseconds(200));

@@ -199,14 +199,14 @@ SemStatus fifo_post(FifoSem* s) {
         FifoWaiter* prev = w->prev;
         FifoWaiter* next = w->next;
         std::int64_t spun = w->spinNs;
-        std::int64_t waited = spun > 0 ? monotonic_ns() - w->queuedAt : 0;
+        std::int64_t queuedAt = w->queuedAt;
         std::uint32_t was = w->state.load(std::memory_order_acquire);
         while (was != kLeaving &&
                !w->state.compare_exchange_weak(was, kGranted, std::memory_order_acq_rel, std::memory_order_acquire)) {
         }
         if (was == kLeaving) continue;
         unlink(s, prev, next);
-        if (spun > 0) learn(s, was == kWaiting, waited);
+        if (spun > 0) learn(s, was == kWaiting, monotonic_ns() - queuedAt);
         unlock(s);
         // A wake-up on the address of a node that is gone already is at
         // worst a spurious one, which every futex waiter tolerates.
