@@ -13,7 +13,6 @@
 #include <string>
 #include <vector>
 
-#include "internal/utf8_codec.h"
 #include "qosa_text.h"
 
 namespace {

@@ -10,7 +10,6 @@
 #include <initializer_list>
 #include <vector>
 
-#include "internal/utf8_codec.h"
 #include "qosa_text.h"
 
 namespace {

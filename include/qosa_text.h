@@ -55,6 +55,10 @@ QOSA_API u32 get_utf8_strlen(const u32* unicode);
 /* Units to reserve for decoding the string (an upper bound, not a character
  * count: three- and four-byte sequences count 2); 0 for NULL or empty. */
 QOSA_API u32 get_unicode_strlen(const char* utf8);
+/* New 0-terminated unit array (room for get_unicode_strlen units, cleared
+ * past the terminator); NULL for NULL or empty input or when memory is short.
+ * A sequence cut short by the terminator yields no unit. */
+QOSA_API u32* utf8Str_to_unicodeStr(const char* utf8);
 /* New UTF-8 string; NULL for NULL or empty input or when memory is short. */
 QOSA_API char* unicodeStr_to_utf8Str(const u32* unicode);
 
@@ -69,9 +73,9 @@ QOSA_API wchar_t* ORV_Utf8ToUnicodeW(const char* utf8);
 /* The non-zero bytes of the decoded units, least significant first (ISO 8859-1
  * for code points up to 0xFF). */
 QOSA_API char* ORV_Utf8ToUnicodeA(const char* utf8);
-/* UTF-8 form of a wide string, in a block of 6 * units + 1 bytes. */
+/* UTF-8 form of a wide string, in a block of 6 * units + 1 bytes, zero after the text. */
 QOSA_API char* ORV_UnicodeToUtf8(const wchar_t* unicode);
-/* Conversions under the character-type locale of the environment (LC_ALL,
+/* Conversions under the character-type locale the environment names at each call (LC_ALL,
  * LC_CTYPE, LANG); the process-wide locale is left alone. NULL when the text
  * cannot be expressed in the target encoding. */
 QOSA_API char* ORV_UnicodeToLocale(const wchar_t* unicode);

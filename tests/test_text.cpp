@@ -2,19 +2,18 @@
 #include <gtest/gtest.h>
 
 #include <locale.h>
+#include <sys/resource.h>
 
 #include <atomic>
+#include <cstring>
 #include <cstdlib>
 #include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
 
+#include "qosa_mem.h"
 #include "qosa_text.h"
-
-namespace qosa::text {
-void reset_env_locale();
-}
 
 namespace {
 
@@ -31,11 +30,7 @@ std::wstring wide(const std::string& s) {
     std::vector<char> copy(s.c_str(), s.c_str() + s.size() + 1); // ASan sees reads past the NUL
     return take(ORV_Utf8ToUnicodeW(copy.data()));
 }
-// Names the environment's locale and makes the library read it again.
-void use_env_locale(const char* name) {
-    setenv("LC_ALL", name, 1);
-    qosa::text::reset_env_locale();
-}
+void use_env_locale(const char* name) { setenv("LC_ALL", name, 1); }
 
 const std::string kMixed = "Gr\xC3\xBC\xC3\x9F Gott \xCE\xA9 \xE4\xB8\x96\xE7\x95\x8C \xF0\x9F\x98\x80";
 const std::wstring kMixedW = L"Gr\u00FC\u00DF Gott \u03A9 \u4E16\u754C \U0001F600";
@@ -81,19 +76,71 @@ TEST(LocaleText, UnderUtf8AndUnderC) {
     }
 }
 
-TEST(LocaleText, ConcurrentConversionsLeaveOtherThreadsLocalesAlone) {
-    use_env_locale("C.UTF-8");
+// Each call takes the environment of its moment, on one thread and then on two at once.
+TEST(LocaleText, EveryCallFollowsTheEnvironment) {
     std::atomic<int> bad{0};
-    auto convert = [&] {
-        for (int i = 0; i < 1000; ++i)
-            bad += take(ORV_Utf8ToLocale(kMixed.c_str())) != kMixed ||
-                   take(ORV_LocaleToUnicodeW(kMixed.c_str())) != kMixedW;
+    auto convert = [&](bool utf8) {
+        for (int i = 0; i < 200; ++i)
+            bad += utf8 ? take(ORV_Utf8ToLocale(kMixed.c_str())) != kMixed ||
+                              take(ORV_LocaleToUnicodeW(kMixed.c_str())) != kMixedW
+                        : take(ORV_Utf8ToLocale(kMixed.c_str())) != "?" ||
+                              take(ORV_UnicodeToLocale(kMixedW.c_str())) != "?";
     };
-    std::thread a(convert), b(convert), plain([&] { // the process-wide C locale meanwhile
-        for (int i = 0; i < 1000; ++i)
-            bad += std::mbstowcs(nullptr, "\xC3\xA9", 0) != static_cast<std::size_t>(-1);
-    });
-    for (std::thread* t : {&a, &b, &plain})
-        t->join();
-    EXPECT_EQ(bad.load(), 0);
+    for (int round = 0; round < 4; ++round) {
+        bool utf8 = round % 2 == 0;
+        use_env_locale(utf8 ? "C.UTF-8" : "C");
+        convert(utf8);
+        std::thread a(convert, utf8), b(convert, utf8), plain([&] { // the process-wide C locale meanwhile
+            for (int i = 0; i < 200; ++i)
+                bad += std::mbstowcs(nullptr, "\xC3\xA9", 0) != static_cast<std::size_t>(-1);
+        });
+        for (std::thread* t : {&a, &b, &plain})
+            t->join();
+        EXPECT_EQ(bad.load(), 0) << "round " << round;
+    }
+    unsetenv("LC_ALL");
+    setenv("LC_CTYPE", "C.UTF-8", 1);
+    setenv("LANG", "C", 1);
+    EXPECT_EQ(take(ORV_Utf8ToLocale(kMixed.c_str())), kMixed) << "LC_CTYPE before LANG";
+    unsetenv("LC_CTYPE");
+    EXPECT_EQ(take(ORV_Utf8ToLocale(kMixed.c_str())), "?") << "then LANG";
+}
+
+// A locale that could not be set up is tried again by the next call: an
+// uninstalled one, and one met while no descriptor is free (in a fresh
+// process, where the C library has loaded no locale yet).
+TEST(LocaleText, AFailedSetUpDoesNotStick) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // the child runs this test from its start
+    use_env_locale("C.UTF-8");
+    EXPECT_EXIT(
+        {
+            rlimit lim{};
+            getrlimit(RLIMIT_NOFILE, &lim);
+            rlimit none = lim;
+            none.rlim_cur = 0;
+            setrlimit(RLIMIT_NOFILE, &none);
+            bool refused = ORV_Utf8ToLocale(kMixed.c_str()) == nullptr;
+            setrlimit(RLIMIT_NOFILE, &lim);
+            std::exit(refused && take(ORV_Utf8ToLocale(kMixed.c_str())) == kMixed ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+
+    use_env_locale("xx_XX.NoSuchCharset");
+    EXPECT_EQ(take(ORV_Utf8ToLocale(kMixed.c_str())), "?");
+    use_env_locale("C.UTF-8");
+    EXPECT_EQ(take(ORV_Utf8ToLocale(kMixed.c_str())), kMixed);
+}
+
+TEST(Utf8Encoder, TheBlockIsZeroFromTheTerminatorToItsEnd) {
+    const wchar_t text[] = L"a\u00E9\U0001F600"; // 7 bytes in a block of 6 * 3 + 1
+    constexpr u32 kBlock = 19;
+    void* dirty = QOSA_MemTypeMallocD(kBlock, 0, __LINE__, __FILE__); // leaves junk where the next block lands
+    std::memset(dirty, 0xAA, kBlock);
+    QOSA_MemTypeFreeD(dirty, 0, __LINE__, __FILE__);
+    char* s = ORV_UnicodeToUtf8(text);
+    ASSERT_NE(s, nullptr);
+    EXPECT_STREQ(s, "a\xC3\xA9\xF0\x9F\x98\x80");
+    for (u32 i = 7; i < kBlock; ++i)
+        EXPECT_EQ(s[i], 0) << i;
+    ORV_StrMemFree(s);
 }

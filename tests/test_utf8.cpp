@@ -9,7 +9,6 @@
 #include <utility>
 #include <vector>
 
-#include "internal/utf8_codec.h"
 #include "qosa_text.h"
 
 namespace {

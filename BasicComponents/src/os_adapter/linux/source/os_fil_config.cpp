@@ -24,7 +24,6 @@
 #include "qosa_mem.h"
 #include "qosa_string.h"
 #include "qosa_text.h"
-#include "internal/utf8_codec.h"
 
 // =============================================================================
 // File and directory operations

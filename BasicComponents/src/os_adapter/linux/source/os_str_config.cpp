@@ -98,11 +98,14 @@ s64 QOSA_Ultostr(char* buffer, u64 size, u32 value, u32 radix) {
 // ===========================================================================
 #define QOSA_UNIT_NAME "os_str_config.c"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstddef>
 #include <cwchar>
+#include <fcntl.h>
 #include <locale.h>
+#include <unistd.h>
 
 #include "qosa_mem.h"
 #include "qosa_text.h"
@@ -243,22 +246,76 @@ inline unsigned encode_row(s32 c) {
     return c <= 0x7F ? 0 : c < 0x800 ? 1 : c < 0x10000 ? 2 : c < 0x200000 ? 3 : c <= 0x3FFFFFF ? 4 : 5;
 }
 
-// The character-type locale of the environment, made on first use and kept
-// for the process. Conversions install it for the calling thread only.
-std::atomic<locale_t> s_envLocale{nullptr};
+// The name of the character-type locale the environment asks for: what
+// setlocale(LC_CTYPE, "") would use.
+const char* env_ctype_name() {
+    for (const char* var : {"LC_ALL", "LC_CTYPE", "LANG"})
+        if (const char* v = std::getenv(var); v != nullptr && v[0] != '\0') return v;
+    return "C";
+}
 
-locale_t env_locale() {
-    locale_t l = s_envLocale.load(std::memory_order_acquire);
-    if (l != nullptr) return l;
-    // An environment naming a locale that is not installed leaves the
-    // conversions in the C locale.
-    locale_t made = newlocale(LC_CTYPE_MASK, "", nullptr);
-    if (made == nullptr) made = newlocale(LC_CTYPE_MASK, "C", nullptr);
+// Every locale object made, keyed by the name it was made from. Objects are
+// never freed (another thread may still be converting under one) and are
+// few: one per locale name the environment has named.
+struct EnvLocale {
+    EnvLocale* next;
+    locale_t loc;
+    char name[1]; // the rest of the name follows
+};
+std::atomic<EnvLocale*> s_envLocales{nullptr};
+
+locale_t find_locale(EnvLocale* from, const char* name) {
+    for (; from != nullptr; from = from->next)
+        if (std::strcmp(from->name, name) == 0) return from->loc;
+    return nullptr;
+}
+
+// The object for name, made and kept on first use; NULL when it cannot be
+// made now (no memory, no descriptor), which is not remembered.
+locale_t keep_locale(const char* name) {
+    EnvLocale* head = s_envLocales.load(std::memory_order_acquire);
+    if (locale_t l = find_locale(head, name)) return l;
+    // The C library remembers a locale file it once failed to open for the
+    // rest of the process, so without a free descriptor give up before
+    // asking it.
+    int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    close(fd);
+    locale_t made = newlocale(LC_CTYPE_MASK, name, nullptr);
     if (made == nullptr) return nullptr;
-    locale_t expected = nullptr;
-    if (s_envLocale.compare_exchange_strong(expected, made, std::memory_order_acq_rel)) return made;
-    freelocale(made);
-    return expected;
+    std::size_t len = std::strlen(name);
+    // Process-lifetime bookkeeping of the library's own: plain malloc, so it
+    // never shows in a caller's memory report.
+    auto* node = static_cast<EnvLocale*>(std::malloc(sizeof(EnvLocale) + len));
+    if (node == nullptr) {
+        freelocale(made);
+        return nullptr;
+    }
+    node->loc = made;
+    std::memcpy(node->name, name, len + 1);
+    node->next = head;
+    while (
+        !s_envLocales.compare_exchange_weak(node->next, node, std::memory_order_acq_rel, std::memory_order_acquire)) {
+        // Others added objects meanwhile: search just those.
+        for (EnvLocale* e = node->next; e != head; e = e->next)
+            if (std::strcmp(e->name, name) == 0) {
+                freelocale(made);
+                std::free(node);
+                return e->loc;
+            }
+        head = node->next;
+    }
+    return made;
+}
+
+// The environment's character-type locale as it is now. A name that is not
+// installed means C, as it leaves setlocale in C; running out of memory or
+// descriptors gives NULL.
+locale_t env_locale() {
+    const char* name = env_ctype_name();
+    if (locale_t l = keep_locale(name)) return l;
+    if (errno == ENOMEM || errno == EMFILE || errno == ENFILE) return nullptr;
+    return keep_locale("C");
 }
 
 // The environment's locale for the calling thread, for one conversion.
@@ -305,13 +362,6 @@ wchar_t* locale_to_wide(const char* text) {
 }
 
 } // namespace
-
-// Forgets the cached locale so that the next conversion reads the environment
-// again. For tests only: no conversion may be running.
-void reset_env_locale() {
-    locale_t l = s_envLocale.exchange(nullptr, std::memory_order_acq_rel);
-    if (l != nullptr) freelocale(l);
-}
 
 } // namespace qosa::text
 
@@ -396,9 +446,13 @@ char* ORV_UnicodeToUtf8(const wchar_t* unicode) {
             *p++ = static_cast<u8>(((c >> shift) & 0x3F) | 0x80);
         }
     }
-    // The block keeps room for six bytes a unit; what follows the terminator
-    // is left as the allocator gave it.
-    *p = '\0';
+    // The block keeps room for six bytes a unit: zeros from the terminator to
+    // its end, written only where the text did not reach.
+    std::size_t tail = size - static_cast<std::size_t>(p - out);
+    for (std::size_t at = 0; at < tail; at += qosa::bounded::kMaxDest) { // a bounded clear takes under 2 GiB at once
+        std::size_t n = std::min(tail - at, qosa::bounded::kMaxDest);
+        memset_s(p + at, n, 0, n);
+    }
     return reinterpret_cast<char*>(out);
 }
 
