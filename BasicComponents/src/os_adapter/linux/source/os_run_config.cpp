@@ -337,17 +337,23 @@ struct Process {
 };
 
 enum class Read { Ok, NoPath, NoFile };
-// "/proc/<pid>/stat" into path and its head into buf.
-Read read_stat(s32 pid, char* path, char* buf) {
-    if (sprintf_s(path, kPathSize, "/proc/%d/stat", pid) <= 0) return Read::NoPath;
+// "/proc/<pid>/stat" (or, for a thread of process owner, the thread's own
+// "/proc/<owner>/task/<pid>/stat") into path and its head into buf. The
+// thread's own file costs the kernel that thread alone; "/proc/<tid>/stat"
+// sums over the whole thread group.
+Read read_stat(s32 pid, char* path, char* buf, s32 owner = 0) {
+    int len = owner != 0 ? sprintf_s(path, kPathSize, "/proc/%d/task/%d/stat", owner, pid)
+                         : sprintf_s(path, kPathSize, "/proc/%d/stat", pid);
+    if (len <= 0) return Read::NoPath;
     return read_head(path, buf) ? Read::Ok : Read::NoFile;
 }
 
-// The stat head of pid with at least need fields; an unreadable file is
-// reported. False when the entry is to be skipped.
-bool stat_head_of(s32 pid, int need, char* buf, StatHead* head) {
+// The stat head of pid (a thread of owner, when given) with at least need
+// fields; an unreadable file is reported. False when the entry is to be
+// skipped.
+bool stat_head_of(s32 pid, int need, char* buf, StatHead* head, s32 owner = 0) {
     char path[kPathSize];
-    Read r = read_stat(pid, path, buf);
+    Read r = read_stat(pid, path, buf, owner);
     if (r == Read::NoFile) diag(kOpenFailed, path);
     return r == Read::Ok && parse_stat_head(buf, head) >= need;
 }
@@ -374,15 +380,16 @@ Found find_process(const char* name, const NameList& procs, char* buf, Process* 
     return Found::No;
 }
 
-// The threads listed in P's task directory.
-u32 threads_from_tasks(const NameList& tasks, char* buf, u32* count, ThreadInfo** records) {
+// The threads listed in the task directory of process owner.
+u32 threads_from_tasks(s32 owner, const NameList& tasks, char* buf, u32* count, ThreadInfo** records) {
     Owned<ThreadInfo> out;
     if (!out.take(static_cast<u32>(tasks.size()), __LINE__)) return 1;
     u32 n = 0;
     for (int i = 0; i < tasks.size(); ++i) {
         if (!all_digits(tasks.name(i))) continue;
         StatHead t;
-        if (stat_head_of(QOSA_StrToInt(tasks.name(i)), 3, buf, &t)) out[n++] = ThreadInfo{t.pid, state_code(t.state)};
+        if (stat_head_of(QOSA_StrToInt(tasks.name(i)), 3, buf, &t, owner))
+            out[n++] = ThreadInfo{t.pid, state_code(t.state)};
     }
     *count = n;
     *records = out.release();
@@ -584,7 +591,7 @@ u32 QOSA_OS_GetProcThread(const char* name, u32* count, QOSA_OS_THREAD_INFO_S** 
     char path[kPathSize];
     if (sprintf_s(path, sizeof path, "/proc/%d/task", p.pid) <= 0) return 2;
     NameList tasks(path);
-    if (tasks.size() >= 0) return threads_from_tasks(tasks, buf, count, records);
+    if (tasks.size() >= 0) return threads_from_tasks(p.pid, tasks, buf, count, records);
     return threads_as_processes(name, procs, p, buf, count, records);
 }
 
