@@ -24,6 +24,7 @@
 #include "qosa_mem.h"
 #include "qosa_string.h"
 #include "qosa_text.h"
+#include "internal/utf8.h"
 
 // =============================================================================
 // File and directory operations
@@ -428,72 +429,7 @@ void QOSA_DestoryNameList(struct dirent** list, u32 count) {
 
 namespace {
 
-// Length of the sequence a byte starts: stray continuation bytes stand alone,
-// 0xFE and 0xFF lead six-byte sequences.
-constexpr u8 decode_length(u8 b) {
-    return b >= 0xFC ? 6 : b >= 0xF8 ? 5 : b >= 0xF0 ? 4 : b >= 0xE0 ? 3 : b >= 0xC0 ? 2 : 1;
-}
-
-// The lead byte's payload: the whole byte for a one-byte sequence, then 5, 4,
-// 3, 2 and 1 bits.
-constexpr u32 kLeadPayload[7] = {0, 0xFF, 0x1F, 0x0F, 0x07, 0x03, 0x01};
-
-template <typename T, typename F>
-constexpr std::array<T, 256> byte_table(F f) {
-    std::array<T, 256> t{};
-    for (unsigned b = 0; b < 256; ++b)
-        t[b] = f(static_cast<u8>(b));
-    return t;
-}
-constexpr auto kDecodeLength = byte_table<u8>(decode_length);
-
-constexpr u64 kHighBits = 0x8080808080808080ull;
-// Four two-byte leads at the even byte positions of an eight-byte word.
-constexpr u64 kPairLeadMask = 0x00E000E000E000E0ull;
-constexpr u64 kPairLeads = 0x00C000C000C000C0ull;
-
-// Whether the eight units at u are all below 0x80.
-inline bool ascii8(const u32* u) {
-    u32 any = 0;
-    for (int j = 0; j < 8; ++j)
-        any |= u[j];
-    return any < 0x80;
-}
-
-inline u64 load8(const u8* p) {
-    u64 w;
-    std::memcpy(&w, p, sizeof w);
-    return w;
-}
-
-// Decodes the len bytes at s (len from decode_length of s[0]).
-inline u32 decode_sequence(const u8* s, unsigned len) {
-    u32 v = s[0] & kLeadPayload[len];
-    for (unsigned k = 1; k < len; ++k)
-        v = (v << 6) | (s[k] & 0x3Fu);
-    return v;
-}
-
-inline u32 encoded_length(u32 c) {
-    return 1u + (c >= 0x80) + (c >= 0x800) + (c >= 0x10000) + (c >= 0x200000) + (c >= 0x4000000);
-}
-
-// Writes the len-byte form of c; only the bits the form carries are used, so
-// bit 31 is lost in the six-byte form.
-inline u8* encode_sequence(u32 c, unsigned len, u8* out) {
-    static constexpr u8 kMarker[7] = {0, 0x00, 0xC0, 0xE0, 0xF0, 0xF8, 0xFC};
-    if (len == 1) {
-        *out = static_cast<u8>(c);
-        return out + 1;
-    }
-    unsigned shift = 6 * (len - 1);
-    *out++ = static_cast<u8>(kMarker[len] | ((c >> shift) & kLeadPayload[len]));
-    while (shift > 0) {
-        shift -= 6;
-        *out++ = static_cast<u8>(0x80 | ((c >> shift) & 0x3F));
-    }
-    return out;
-}
+using namespace qosa::utf8;
 
 // The walk that sizes a decoding: three- and four-byte sequences count two
 // units, five- and six-byte leads one per byte, so the count never falls
@@ -512,7 +448,7 @@ u32 count_units(const u8* s, std::size_t n) {
             count += 1;
             i += 1;
         } else if (b < 0xE0) {
-            while (i + 8 <= n && (load8(s + i) & kPairLeadMask) == kPairLeads) {
+            while (i + 8 <= n && four_pairs<Rule::Loose>(load8(s + i))) {
                 count += 4;
                 i += 8;
             }
@@ -533,58 +469,6 @@ u32 count_units(const u8* s, std::size_t n) {
         }
     }
     return count;
-}
-
-// Decodes the n bytes at s into at most room units; a sequence that the end
-// of the text cuts short yields nothing. Returns the units written.
-u32 decode_all(const u8* s, std::size_t n, u32* out, u32 room) {
-    u32 k = 0;
-    std::size_t i = 0;
-    // Each run of one sequence length has a loop of its own (see count_units).
-    while (i < n && k < room) {
-        u8 b = s[i];
-        if (b < 0x80 && i + 8 <= n && room - k >= 8 && (load8(s + i) & kHighBits) == 0) {
-            for (int j = 0; j < 8; ++j)
-                out[k + j] = s[i + j];
-            k += 8;
-            i += 8;
-        } else if (b < 0xC0) { // ASCII and stray continuation bytes stand for themselves
-            out[k++] = b;
-            i += 1;
-        } else if (b < 0xE0) {
-            u64 w;
-            while (i + 8 <= n && room - k >= 4 && ((w = load8(s + i)) & kPairLeadMask) == kPairLeads) {
-                for (int j = 0; j < 4; ++j)
-                    out[k + j] = static_cast<u32>((w >> (16 * j) & 0x1F) << 6 | (w >> (16 * j + 8) & 0x3F));
-                k += 4;
-                i += 8;
-            }
-            while (i < n && k < room && (s[i] & 0xE0) == 0xC0) {
-                if (n - i < 2) return k; // cut short by the terminator
-                out[k++] = (s[i] & 0x1Fu) << 6 | (s[i + 1] & 0x3Fu);
-                i += 2;
-            }
-        } else if (b < 0xF0) {
-            do {
-                if (n - i < 3) return k;
-                out[k++] = (s[i] & 0x0Fu) << 12 | (s[i + 1] & 0x3Fu) << 6 | (s[i + 2] & 0x3Fu);
-                i += 3;
-            } while (i < n && k < room && (s[i] & 0xF0) == 0xE0);
-        } else if (b < 0xF8) {
-            do {
-                if (n - i < 4) return k;
-                out[k++] =
-                    (s[i] & 0x07u) << 18 | (s[i + 1] & 0x3Fu) << 12 | (s[i + 2] & 0x3Fu) << 6 | (s[i + 3] & 0x3Fu);
-                i += 4;
-            } while (i < n && k < room && (s[i] & 0xF8) == 0xF0);
-        } else {
-            unsigned len = kDecodeLength[b];
-            if (len > n - i) return k;
-            out[k++] = decode_sequence(s + i, len);
-            i += len;
-        }
-    }
-    return k;
 }
 
 // UTF-8 bytes that n units need. Summed in 32-bit blocks so that the loop
@@ -612,7 +496,7 @@ extern "C" {
 
 s32 utf8_to_unicode(const u8* utf8, u32* unicode) {
     return guarded<s32>(0, need(utf8, unicode), [=] {
-        unsigned len = kDecodeLength[utf8[0]];
+        unsigned len = kLeadLength<Rule::Loose>[utf8[0]];
         *unicode = decode_sequence(utf8, len);
         return static_cast<s32>(len);
     });
@@ -639,7 +523,7 @@ u32* utf8Str_to_unicodeStr(const char* utf8) {
     u32 size = (count + 1) * static_cast<u32>(sizeof(u32));
     auto* out = static_cast<u32*>(QOSA_MemTypeMallocD(size, QOSA_MEM_DYN, QOSA_HERE));
     if (out == nullptr) return nullptr;
-    u32 k = decode_all(s, n, out, count);
+    auto k = static_cast<u32>(decode<Rule::Loose>(s, n, out, count));
     // The terminator and every unit after it are 0 (the terminator written
     // on its own, so even a tail too large for one bounded clear ends in 0).
     out[k] = 0;
@@ -656,50 +540,9 @@ char* unicodeStr_to_utf8Str(const u32* unicode) {
     u32 size = static_cast<u32>(total) + 1;
     auto* out = static_cast<u8*>(QOSA_MemTypeMallocD(size, QOSA_MEM_DYN, QOSA_HERE));
     if (out == nullptr) return nullptr;
-    u8* p = out;
-    u8* end = out + total;
-    for (std::size_t i = 0; i < n;) {
-        // Lengths were measured above; stop rather than overrun should the
-        // units have changed since.
-        std::size_t room = static_cast<std::size_t>(end - p);
-        u32 c = unicode[i];
-        if (c < 0x80 && n - i >= 8 && room >= 8 && ascii8(unicode + i)) {
-            for (int j = 0; j < 8; ++j)
-                p[j] = static_cast<u8>(unicode[i + j]);
-            p += 8;
-            i += 8;
-            continue;
-        }
-        // One- to four-byte forms written out: on long texts this is about
-        // twice as fast as the general encode_sequence, which takes the rest.
-        if (c < 0x80) {
-            if (room < 1) break;
-            *p++ = static_cast<u8>(c);
-        } else if (c < 0x800) {
-            if (room < 2) break;
-            p[0] = static_cast<u8>(0xC0 | c >> 6);
-            p[1] = static_cast<u8>(0x80 | (c & 0x3F));
-            p += 2;
-        } else if (c < 0x10000) {
-            if (room < 3) break;
-            p[0] = static_cast<u8>(0xE0 | c >> 12);
-            p[1] = static_cast<u8>(0x80 | (c >> 6 & 0x3F));
-            p[2] = static_cast<u8>(0x80 | (c & 0x3F));
-            p += 3;
-        } else if (c < 0x200000) {
-            if (room < 4) break;
-            p[0] = static_cast<u8>(0xF0 | c >> 18);
-            p[1] = static_cast<u8>(0x80 | (c >> 12 & 0x3F));
-            p[2] = static_cast<u8>(0x80 | (c >> 6 & 0x3F));
-            p[3] = static_cast<u8>(0x80 | (c & 0x3F));
-            p += 4;
-        } else {
-            unsigned len = encoded_length(c);
-            if (len > room) break;
-            p = encode_sequence(c, len, p);
-        }
-        ++i;
-    }
+    // Lengths were measured above; the encoder stops rather than overrun
+    // should the units have changed since.
+    u8* p = encode(unicode, n, out, out + total);
     std::size_t rest = static_cast<std::size_t>(out + size - p);
     memset_s(p, rest, 0, rest);
     return reinterpret_cast<char*>(out);

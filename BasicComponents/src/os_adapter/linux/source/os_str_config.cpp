@@ -109,6 +109,7 @@ s64 QOSA_Ultostr(char* buffer, u64 size, u32 value, u32 radix) {
 
 #include "qosa_mem.h"
 #include "qosa_text.h"
+#include "internal/utf8.h"
 
 static_assert(sizeof(wchar_t) == 4 && static_cast<wchar_t>(-1) < 0, "wide strings are signed 32-bit units");
 static_assert(sizeof(QOSA_UTF8_TB_S) == 32 && offsetof(QOSA_UTF8_TB_S, shift) == 8 &&
@@ -127,125 +128,6 @@ void give_back(void* p, u32 line) { QOSA_MemTypeFreeD(p, QOSA_MEM_DYN, line, QOS
 
 // Block sizes are 32-bit byte counts: refuse a text whose block would not fit.
 constexpr std::size_t kMaxBlock = 0xFFFFFFFFu;
-constexpr u64 kHighBits = 0x8080808080808080ull;
-// Four two-byte sequences in an eight-byte word: a lead 110xxxxx at each even
-// position, a continuation byte after it.
-constexpr u64 kPairMask = 0xC0E0C0E0C0E0C0E0ull;
-constexpr u64 kPairs = 0x80C080C080C080C0ull;
-
-inline u64 load8(const u8* p) {
-    u64 w;
-    std::memcpy(&w, p, sizeof w);
-    return w;
-}
-
-// None of the four leads is 0xC0 or 0xC1, which only start overlong forms.
-inline bool two_byte_leads_ok(u64 w) {
-    return (w & 0x1E) != 0 && (w & 0x1E0000) != 0 && (w & 0x1E00000000) != 0 && (w & 0x1E000000000000) != 0;
-}
-
-// Length of a valid sequence from its lead byte; 0 for bytes that cannot lead
-// one (continuation bytes, 0xFE, 0xFF). ASCII is handled before the lookup.
-constexpr u8 valid_length(u8 b) {
-    if ((b & 0xE0) == 0xC0) return 2;
-    if ((b & 0xF0) == 0xE0) return 3;
-    if ((b & 0xF8) == 0xF0) return 4;
-    if ((b & 0xFC) == 0xF8) return 5;
-    if ((b & 0xFE) == 0xFC) return 6;
-    return 0;
-}
-constexpr auto kValidLength = [] {
-    std::array<u8, 256> t{};
-    for (unsigned b = 0; b < 256; ++b)
-        t[b] = valid_length(static_cast<u8>(b));
-    return t;
-}();
-
-// Decodes the n bytes at s into out (room for n units), keeping the valid
-// sequences. An invalid or overlong sequence loses its lead byte only: the
-// bytes after it are looked at again as lead bytes. The terminator is never a
-// continuation byte, so nothing past s[n] is read.
-std::size_t decode_valid(const u8* s, std::size_t n, wchar_t* out) {
-    auto cont = [s](std::size_t at) { return (s[at] & 0xC0) == 0x80; };
-    std::size_t i = 0, k = 0;
-    while (i < n) {
-        u8 b = s[i];
-        if (b < 0x80) {
-            if (i + 8 <= n && (load8(s + i) & kHighBits) == 0) {
-                for (int j = 0; j < 8; ++j)
-                    out[k + j] = s[i + j];
-                k += 8;
-                i += 8;
-                continue;
-            }
-            out[k++] = b;
-            ++i;
-            continue;
-        }
-        // The common lengths first; each test reads a byte only once the
-        // bytes before it proved to be continuation bytes.
-        u32 v;
-        unsigned len;
-        if (b < 0xE0) {
-            // Runs of two-byte sequences (Latin, Greek, Cyrillic, ...) four at a time.
-            std::size_t start = i;
-            u64 w;
-            while (i + 8 <= n && ((w = load8(s + i)) & kPairMask) == kPairs && two_byte_leads_ok(w)) {
-                for (int j = 0; j < 4; ++j)
-                    out[k + j] = static_cast<wchar_t>((w >> (16 * j) & 0x1F) << 6 | (w >> (16 * j + 8) & 0x3F));
-                k += 4;
-                i += 8;
-            }
-            if (i != start) continue;
-            len = 2;
-            if (b < 0xC2 || !cont(i + 1)) { // 0xC0 and 0xC1 only lead overlong forms
-                ++i;
-                continue;
-            }
-            v = (b & 0x1Fu) << 6 | (s[i + 1] & 0x3Fu);
-        } else if (b < 0xF0) {
-            len = 3;
-            if (!cont(i + 1) || !cont(i + 2)) {
-                ++i;
-                continue;
-            }
-            v = (b & 0x0Fu) << 12 | (s[i + 1] & 0x3Fu) << 6 | (s[i + 2] & 0x3Fu);
-        } else if (b < 0xF8) {
-            len = 4;
-            if (!cont(i + 1) || !cont(i + 2) || !cont(i + 3)) {
-                ++i;
-                continue;
-            }
-            v = (b & 0x07u) << 18 | (s[i + 1] & 0x3Fu) << 12 | (s[i + 2] & 0x3Fu) << 6 | (s[i + 3] & 0x3Fu);
-        } else {
-            // Five- and six-byte forms, and the bytes that cannot lead.
-            len = kValidLength[b];
-            u64 w = b;
-            unsigned j = 1;
-            for (; j < len && cont(i + j); ++j)
-                w = (w << 6) | (s[i + j] & 0x3Fu);
-            if (len == 0 || j < len) {
-                ++i;
-                continue;
-            }
-            v = static_cast<u32>(w & static_cast<u64>(utf8TB[len - 1].lmask));
-        }
-        if (v < utf8TB[len - 1].lval) { // overlong
-            ++i;
-            continue;
-        }
-        out[k++] = static_cast<wchar_t>(v);
-        i += len;
-    }
-    return k;
-}
-
-// Row of the sequence table for a unit taken as signed: negative units and
-// everything up to 0x7F are written as one byte.
-inline unsigned encode_row(s32 c) {
-    return c <= 0x7F ? 0 : c < 0x800 ? 1 : c < 0x10000 ? 2 : c < 0x200000 ? 3 : c <= 0x3FFFFFF ? 4 : 5;
-}
-
 // The name of the character-type locale the environment asks for: what
 // setlocale(LC_CTYPE, "") would use.
 const char* env_ctype_name() {
@@ -376,7 +258,7 @@ wchar_t* ORV_Utf8ToUnicodeW(const char* utf8) {
     if (n + 1 > kMaxBlock / sizeof(wchar_t)) return nullptr;
     auto* out = static_cast<wchar_t*>(take((n + 1) * sizeof(wchar_t), __LINE__));
     if (out == nullptr) return nullptr;
-    std::size_t k = decode_valid(reinterpret_cast<const u8*>(utf8), n, out);
+    std::size_t k = qosa::utf8::decode<qosa::utf8::Rule::Strict>(reinterpret_cast<const u8*>(utf8), n, out, n);
     out[k] = 0;
     // Multi-byte text leaves most of the block unused: hand back a fitting one.
     if (n >= 1024 && (k + 1) * 2 <= n + 1) {
@@ -424,28 +306,7 @@ char* ORV_UnicodeToUtf8(const wchar_t* unicode) {
     std::size_t size = 6 * n + 1;
     auto* out = static_cast<u8*>(take(size, __LINE__));
     if (out == nullptr) return nullptr;
-    u8* p = out;
-    for (std::size_t i = 0; i < n; ++i) {
-        s32 c = unicode[i];
-        if (static_cast<u32>(c) < 0x80) {
-            if (i + 4 <= n && static_cast<u32>(c | unicode[i + 1] | unicode[i + 2] | unicode[i + 3]) < 0x80) {
-                for (int j = 0; j < 4; ++j)
-                    p[j] = static_cast<u8>(unicode[i + j]);
-                p += 4;
-                i += 3;
-                continue;
-            }
-            *p++ = static_cast<u8>(c);
-            continue;
-        }
-        const QOSA_UTF8_TB_S& row = utf8TB[encode_row(c)];
-        int shift = row.shift;
-        *p++ = static_cast<u8>((c >> shift) | row.cval);
-        while (shift > 0) {
-            shift -= 6;
-            *p++ = static_cast<u8>(((c >> shift) & 0x3F) | 0x80);
-        }
-    }
+    u8* p = qosa::utf8::encode(unicode, n, out, out + size - 1);
     // The block keeps room for six bytes a unit: zeros from the terminator to
     // its end, written only where the text did not reach.
     std::size_t tail = size - static_cast<std::size_t>(p - out);
