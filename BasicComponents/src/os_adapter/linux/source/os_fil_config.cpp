@@ -542,7 +542,7 @@ char* unicodeStr_to_utf8Str(const u32* unicode) {
     if (out == nullptr) return nullptr;
     // Lengths were measured above; the encoder stops rather than overrun
     // should the units have changed since.
-    u8* p = encode(unicode, n, out, out + total);
+    u8* p = encode<Units::Unsigned>(unicode, n, out, out + total);
     std::size_t rest = static_cast<std::size_t>(out + size - p);
     memset_s(p, rest, 0, rest);
     return reinterpret_cast<char*>(out);

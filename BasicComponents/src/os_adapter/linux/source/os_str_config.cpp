@@ -306,7 +306,7 @@ char* ORV_UnicodeToUtf8(const wchar_t* unicode) {
     std::size_t size = 6 * n + 1;
     auto* out = static_cast<u8*>(take(size, __LINE__));
     if (out == nullptr) return nullptr;
-    u8* p = qosa::utf8::encode(unicode, n, out, out + size - 1);
+    u8* p = qosa::utf8::encode<qosa::utf8::Units::Signed>(unicode, n, out, out + size - 1);
     // The block keeps room for six bytes a unit: zeros from the terminator to
     // its end, written only where the text did not reach.
     std::size_t tail = size - static_cast<std::size_t>(p - out);

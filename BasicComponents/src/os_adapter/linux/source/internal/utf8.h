@@ -180,14 +180,16 @@ inline u8* encode_sequence(u32 c, unsigned len, u8* out) {
     return out;
 }
 
+// How a unit at or above 0x80000000 is written: taken as Signed (wide strings,
+// whatever the signedness of wchar_t here) it is negative and writes its low
+// byte; taken as Unsigned it writes six bytes without bit 31.
+enum class Units { Unsigned, Signed };
+
 // Encodes the n units at u into the bytes [out, end); stops before a unit
-// that would not fit. Units taken as signed (wchar_t) write a negative unit
-// as its low byte; unsigned ones write it in six bytes without bit 31.
-// Returns the byte after the last one written.
-template <typename Unit>
+// that would not fit. Returns the byte after the last one written.
+template <Units S, typename Unit>
 u8* encode(const Unit* u, std::size_t n, u8* out, const u8* end) {
     static_assert(sizeof(Unit) == 4);
-    constexpr bool kSigned = static_cast<Unit>(-1) < 0;
     for (std::size_t i = 0; i < n;) {
         std::size_t room = static_cast<std::size_t>(end - out);
         u32 c = static_cast<u32>(u[i]);
@@ -227,7 +229,7 @@ u8* encode(const Unit* u, std::size_t n, u8* out, const u8* end) {
             out[3] = static_cast<u8>(0x80 | (c & 0x3F));
             out += 4;
         } else {
-            unsigned len = kSigned && static_cast<s32>(c) < 0 ? 1 : encoded_length(c);
+            unsigned len = S == Units::Signed && static_cast<s32>(c) < 0 ? 1 : encoded_length(c);
             if (len > room) break;
             out = encode_sequence(c, len, out);
         }
