@@ -8,13 +8,9 @@
 #include <cstdint>
 #include <thread>
 
+#include "internal/clock.h"
 #include "qosa_lock.h"
 #include "qosa_thread.h"
-
-namespace qosa::thread {
-timespec wall_deadline(const timeval& now, s32 timeoutUs);
-timespec mono_deadline(const timespec& now, u32 timeoutUs);
-} // namespace qosa::thread
 
 namespace {
 using Clock = std::chrono::steady_clock;
@@ -29,18 +25,17 @@ void* same_self(void* arg) {
 }
 } // namespace
 
-TEST(CondWait, DeadlinesAreNormalised) {
-    using namespace qosa::thread;
+TEST(CondWait, DeadlinesCarryAndSaturate) {
     auto expect_at = [](timespec at, long sec, long nsec) {
         EXPECT_TRUE(at.tv_sec == sec && at.tv_nsec == nsec) << at.tv_sec << '.' << at.tv_nsec;
     };
-    expect_at(wall_deadline({1000, 600000}, 1500000), 1002, 100000000);
-    expect_at(wall_deadline({1000, 500000}, 500000), 1001, 0);
-    expect_at(wall_deadline({1000, 0}, INT32_MAX), 1000 + 2147, 483647000);
-    // The monotonic clock's nanoseconds are cut to whole microseconds.
-    expect_at(mono_deadline({50, 600000999}, 1500000), 52, 100000000);
-    expect_at(mono_deadline({50, 500000000}, 500000), 51, 0);
-    expect_at(mono_deadline({50, 999999999}, UINT32_MAX), 50 + 4294 + 1, 967294000);
+    using qosa::clock::after;
+    expect_at(after({1000, 600000000}, 1500000000), 1002, 100000000);
+    expect_at(after({1000, 500000000}, 500000000), 1001, 0);
+    expect_at(after({50, 999999999}, std::int64_t{UINT32_MAX} * 1000), 50 + 4294 + 1, 967294999);
+    bool forever = false;
+    after({1000, 0}, INT64_MAX - 999, &forever);
+    EXPECT_TRUE(forever) << "a sum past the count is no limit";
 }
 
 TEST(CondWait, TimeoutsAndSignalsOnEitherClock) {

@@ -11,6 +11,7 @@
 #include <ctime>
 #include <new>
 
+#include "internal/clock.h"
 #include "internal/common.h"
 #include "internal/fifo_sem.h"
 #include "qosa_mem.h"
@@ -27,8 +28,8 @@ static_assert(qosa::sync::kFifoMaxCount == SEM_VALUE_MAX);
 
 namespace {
 
-constexpr std::int64_t kNsPerMs = 1000000;
-constexpr std::int64_t kNsPerSec = 1000000000;
+using qosa::clock::kNsPerMs;
+using qosa::clock::kNsPerSec;
 // Longest remaining time of a wall-clock deadline that is waited (68 years);
 // later deadlines wait that long.
 constexpr std::int64_t kLongestWaitSec = INT32_MAX;
@@ -77,11 +78,7 @@ s32 wait_for(QOSA_SEM_S* rec, std::int64_t ns) {
     if (was_named(rec)) return report(SemStatus::invalid);
     if (!is_named(rec)) return report(qosa::sync::fifo_wait(inner(rec), ns));
     if (ns == 0) return sem_trywait(rec->sem.pNamed);
-    timespec at{};
-    clock_gettime(CLOCK_MONOTONIC, &at);
-    std::int64_t total = at.tv_nsec + ns % kNsPerSec;
-    at.tv_sec += static_cast<time_t>(ns / kNsPerSec + total / kNsPerSec);
-    at.tv_nsec = static_cast<long>(total % kNsPerSec);
+    timespec at = qosa::clock::after(ns);
     return sem_clockwait(rec->sem.pNamed, CLOCK_MONOTONIC, &at);
 }
 

@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "internal/clock.h"
 #include "internal/common.h"
 #include "qosa_error.h"
 #include "qosa_process.h"
@@ -22,34 +23,6 @@ static_assert(sizeof(pthread_t) == 8, "thread handles are 64 bits wide");
 static_assert(sizeof(sigset_t) % sizeof(unsigned long) == 0, "a signal set is a whole number of words");
 
 namespace qosa::thread {
-
-constexpr s32 kUsPerSec = 1000000;
-constexpr s32 kNsPerSec = 1000000000;
-
-// Absolute wall-clock deadline timeoutUs (> 0) after now.
-timespec wall_deadline(const timeval& now, s32 timeoutUs) {
-    s32 whole = timeoutUs / kUsPerSec;
-    s32 us = timeoutUs - whole * kUsPerSec + static_cast<s32>(now.tv_usec); // below 2,000,000
-    s32 ns = us * 1000;
-    timespec at{};
-    at.tv_sec = now.tv_sec + whole;
-    at.tv_nsec = ns;
-    if (ns >= kNsPerSec) {
-        at.tv_sec += 1;
-        at.tv_nsec = ns - kNsPerSec;
-    }
-    return at;
-}
-
-// Absolute monotonic deadline timeoutUs (> 0) after now, at microsecond
-// resolution.
-timespec mono_deadline(const timespec& now, u32 timeoutUs) {
-    u32 sum = timeoutUs % kUsPerSec + static_cast<u32>(now.tv_nsec / 1000);
-    timespec at{};
-    at.tv_sec = now.tv_sec + timeoutUs / kUsPerSec + sum / kUsPerSec;
-    at.tv_nsec = static_cast<long>(sum % kUsPerSec) * 1000;
-    return at;
-}
 
 // Load-time resolver of the thread-handle entry points. The fixed symbol name
 // lets the ifunc attributes name it with either compiler.
@@ -80,9 +53,6 @@ const unsigned long* word_of(const sigset_t* set, s32 sig) {
 unsigned long bit_of(s32 sig) { return 1UL << ((sig - 1) % kWordBits); }
 
 } // namespace
-
-using qosa::thread::mono_deadline;
-using qosa::thread::wall_deadline;
 
 extern "C" {
 
@@ -123,14 +93,13 @@ s32 QOSA_PthreadCondTimedWait(pthread_cond_t* cond, pthread_mutex_t* mutex, s32 
     if (cond == nullptr || mutex == nullptr || timeoutUs <= 0) return -1;
     timeval now{};
     gettimeofday(&now, nullptr);
-    return timed_wait(cond, mutex, wall_deadline(now, timeoutUs));
+    timespec from{now.tv_sec, now.tv_usec * 1000};
+    return timed_wait(cond, mutex, qosa::clock::after(from, timeoutUs * qosa::clock::kNsPerUs));
 }
 
 s32 QOSA_PthreadCondTimedWait_Clock(pthread_cond_t* cond, pthread_mutex_t* mutex, u32 timeoutUs) {
     if (cond == nullptr || mutex == nullptr || timeoutUs == 0) return -1;
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return timed_wait(cond, mutex, mono_deadline(now, timeoutUs));
+    return timed_wait(cond, mutex, qosa::clock::after(timeoutUs * qosa::clock::kNsPerUs));
 }
 
 // ---- threads -----------------------------------------------------------------

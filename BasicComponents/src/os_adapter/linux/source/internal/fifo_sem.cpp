@@ -1,5 +1,6 @@
 // The first-in first-out counting semaphore (see fifo_sem.h).
 #include "fifo_sem.h"
+#include "clock.h"
 
 #include <linux/futex.h>
 #include <pthread.h>
@@ -30,7 +31,6 @@ constexpr std::uint32_t kWaiting = 0;  // queued, not asleep yet
 constexpr std::uint32_t kSleeping = 2; // queued, may be asleep in the kernel: a grant must wake it
 constexpr std::uint32_t kGranted = 1;  // a post handed it a unit
 constexpr std::uint32_t kLeaving = 3;  // timed out or interrupted: posts pass it by, it unlinks itself
-constexpr std::int64_t kNsPerSec = 1000000000;
 // The longest a waiter that found no unit watches for one before it sleeps.
 constexpr std::uint16_t kFifoSpinMaxNs = 10000;
 static_assert(kFifoSpinMaxNs <= UINT16_MAX / 2, "the learnt spin time moves within a 16-bit field");
@@ -94,12 +94,6 @@ void unlink(FifoSem* s, FifoWaiter* prev, FifoWaiter* next) {
     (next != nullptr ? next->prev : s->tail) = prev;
 }
 
-std::int64_t monotonic_ns() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * kNsPerSec + now.tv_nsec;
-}
-
 // Spinning threads of the whole process, and how many may spin at once: at
 // most half the processors this process may run on, so spinners never crowd
 // out the threads they wait for (none on a single processor). A child of
@@ -132,7 +126,7 @@ bool spin_for_grant(const FifoWaiter* w, std::int64_t until) {
             break;
         }
         cpu_relax();
-        if (i % 8 == 0 && monotonic_ns() >= until) break;
+        if (i % 8 == 0 && clock::now_ns() >= until) break;
     }
     g_spinners.fetch_sub(1, std::memory_order_relaxed);
     return granted;
@@ -157,13 +151,6 @@ void learn(FifoSem* s, bool cameInTime, std::int64_t waited) {
 // spinning, a full spin finds out whether units would come quickly to a
 // thread that stays awake.
 std::int64_t spin_time(FifoSem* s) { return ++s->waits % 16 == 0 ? kFifoSpinMaxNs : s->spinNs; }
-
-timespec to_timespec(std::int64_t ns) {
-    timespec at{};
-    at.tv_sec = static_cast<time_t>(ns / kNsPerSec);
-    at.tv_nsec = static_cast<long>(ns % kNsPerSec);
-    return at;
-}
 
 } // namespace
 
@@ -206,7 +193,7 @@ SemStatus fifo_post(FifoSem* s) {
         }
         if (was == kLeaving) continue;
         unlink(s, prev, next);
-        if (spun > 0) learn(s, was == kWaiting, monotonic_ns() - queuedAt);
+        if (spun > 0) learn(s, was == kWaiting, clock::now_ns() - queuedAt);
         unlock(s);
         // A wake-up on the address of a node that is gone already is at
         // worst a spurious one, which every futex waiter tolerates.
@@ -237,7 +224,7 @@ SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs, bool interruptible) {
         unlock(s);
         return SemStatus::would_block;
     }
-    FifoWaiter self{{kWaiting}, monotonic_ns(), 0, nullptr, nullptr};
+    FifoWaiter self{{kWaiting}, clock::now_ns(), 0, nullptr, nullptr};
     append(s, &self);
     // Only the longest waiter spins: the next unit is its own.
     if (s->head == &self) self.spinNs = std::min(spin_time(s), timeoutNs > 0 ? timeoutNs : kFifoSpinMaxNs);
@@ -247,9 +234,10 @@ SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs, bool interruptible) {
     // posted may destroy it as soon as nobody is queued.
     if (self.spinNs > 0 && spin_for_grant(&self, self.queuedAt + self.spinNs)) return SemStatus::ok;
     // A time-out too long to add to the clock is no limit.
-    if (timeoutNs > INT64_MAX - self.queuedAt) timeoutNs = -1;
+    bool forever = false;
     timespec deadline{};
-    if (timeoutNs > 0) deadline = to_timespec(self.queuedAt + timeoutNs);
+    if (timeoutNs > 0) deadline = clock::after(clock::to_timespec(self.queuedAt), timeoutNs, &forever);
+    if (forever) timeoutNs = -1;
     bool interrupted = false;
     for (;;) {
         std::uint32_t st = self.state.load(std::memory_order_acquire);

@@ -1,0 +1,114 @@
+// The library's one linked list: intrusive and doubly linked. A record that
+// can sit on a list holds a Link; the list is a ring through a head Link of
+// its own, so linking and unlinking never allocate, never fail and take no
+// branch on the ends. A record is on at most one list per Link at a time, and
+// the caller's lock (or thread) owns every list it touches.
+//
+//   struct Job { ilist::Link link; int id; };
+//   ilist::List<Job, &Job::link> jobs;
+//   jobs.push_back(job);  for (Job& j : jobs) ...;  Job* first = jobs.pop_front();
+#pragma once
+
+#include <cstddef>
+
+namespace qosa::ilist {
+
+struct Link {
+    Link* prev = nullptr;
+    Link* next = nullptr;
+
+    bool linked() const { return next != nullptr; }
+    // Takes this record off whatever list holds it.
+    void unlink() {
+        prev->next = next;
+        next->prev = prev;
+        prev = next = nullptr;
+    }
+};
+
+template <typename T, Link T::*M>
+class List {
+  public:
+    List() { clear(); }
+    List(const List&) = delete;
+    List& operator=(const List&) = delete;
+
+    bool empty() const { return head_.next == &head_; }
+    T* front() const { return empty() ? nullptr : of(head_.next); }
+    T* back() const { return empty() ? nullptr : of(head_.prev); }
+    // The record after t, or NULL at the end.
+    T* next(T* t) const { return (t->*M).next == &head_ ? nullptr : of((t->*M).next); }
+
+    void push_back(T* t) { insert_before(&head_, t); }
+    void push_front(T* t) { insert_before(head_.next, t); }
+    // Links t in front of at (at on this list).
+    void insert_before(T* at, T* t) { insert_before(&(at->*M), t); }
+    static void remove(T* t) { (t->*M).unlink(); }
+    T* pop_front() {
+        T* t = front();
+        if (t != nullptr) remove(t);
+        return t;
+    }
+    // Forgets every record without touching them: for a list whose records
+    // went away with it.
+    void clear() { head_.prev = head_.next = &head_; }
+    // Moves every record of other to the end of this list.
+    void splice_back(List& other) {
+        if (other.empty()) return;
+        Link* first = other.head_.next;
+        Link* last = other.head_.prev;
+        first->prev = head_.prev;
+        head_.prev->next = first;
+        last->next = &head_;
+        head_.prev = last;
+        other.clear();
+    }
+
+    class iterator {
+      public:
+        iterator(Link* at, const Link* end) : at_(at), end_(end) {}
+        T& operator*() const { return *of(at_); }
+        T* operator->() const { return of(at_); }
+        // The next record is taken before the body runs, so the body may
+        // unlink the record it is given.
+        iterator& operator++() {
+            at_ = next_;
+            next_ = at_ == end_ ? nullptr : at_->next;
+            return *this;
+        }
+        bool operator!=(const iterator& o) const { return at_ != o.at_; }
+
+      private:
+        friend class List;
+        Link* at_;
+        const Link* end_;
+        Link* next_ = nullptr;
+    };
+    iterator begin() {
+        iterator it(head_.next, &head_);
+        it.next_ = it.at_ == &head_ ? nullptr : it.at_->next;
+        return it;
+    }
+    iterator end() { return iterator(&head_, &head_); }
+
+  private:
+    // The record that holds l: l sits at the member's offset in T, measured
+    // once on storage of T's size and alignment.
+    static T* of(Link* l) {
+        alignas(T) static unsigned char probe[sizeof(T)];
+        const auto* t = reinterpret_cast<const T*>(probe);
+        auto offset = reinterpret_cast<const unsigned char*>(&(t->*M)) - probe;
+        return reinterpret_cast<T*>(reinterpret_cast<unsigned char*>(l) - offset);
+    }
+    static void insert_before(Link* at, T* t) {
+        Link* l = &(t->*M);
+        l->next = at;
+        l->prev = at->prev;
+        at->prev->next = l;
+        at->prev = l;
+    }
+
+    Link head_;
+};
+
+} // namespace qosa::ilist
