@@ -1,0 +1,105 @@
+#!/usr/bin/env python3
+"""The units' link graph, from the built objects, against the layer picture.
+
+Reads every object of the library with nm: a unit depends on another when it
+refers to a name the other defines. Fails when the graph has a cycle, or when
+a unit depends on one drawn in a higher layer of the picture in
+docs/DESIGN.md (the code block under "Layers and units": one layer per group
+of lines, each starting with the layer's name; units are the words that name
+a source file, `tmr_*` standing for every unit that starts so).
+
+usage: check_layers.py DESIGN.md OBJECT...   (prints the graph with -v)
+"""
+import fnmatch
+import os
+import re
+import subprocess
+import sys
+
+
+def unit_of(path):
+    name = os.path.basename(path)
+    return name.split(".")[0]
+
+
+def symbols(obj):
+    out = subprocess.run(["nm", "-C", "--defined-only", obj], capture_output=True, text=True, check=True).stdout
+    defined = {line.split(" ", 2)[2] for line in out.splitlines() if re.match(r"^\S+ [TDBRVWu] ", line)}
+    out = subprocess.run(["nm", "-C", "--undefined-only", obj], capture_output=True, text=True, check=True).stdout
+    used = {line.split()[-1] if " U " not in line else line.split(" U ", 1)[1].strip() for line in out.splitlines()}
+    return defined, used
+
+
+def layers(design, units):
+    """Layer index per unit, 0 the lowest, from the picture."""
+    text = open(design, encoding="utf-8").read()
+    block = re.search(r"## Layers and units\s*```(.*?)```", text, re.S)
+    if not block:
+        sys.exit("check_layers: no layer picture in " + design)
+    groups = []
+    for line in block.group(1).splitlines():
+        if not line.strip() or line.strip().startswith(("public", "─")):
+            continue
+        words = re.findall(r"[A-Za-z_][A-Za-z0-9_*]*", line)
+        if re.match(r"^ \S", line):  # a layer's first line; its further lines are indented deeper
+            groups.append(set())
+        if groups:
+            groups[-1].update(words)
+    order = {}
+    for rank, words in enumerate(reversed(groups)):
+        for unit in units:
+            if any(fnmatch.fnmatchcase(unit, w) for w in words):
+                order.setdefault(unit, rank)
+    missing = sorted(set(units) - set(order))
+    if missing:
+        sys.exit("check_layers: units not drawn in the layer picture: " + ", ".join(missing))
+    return order
+
+
+def cycles(graph):
+    found, state, stack = [], {}, []
+
+    def visit(u):
+        state[u] = 1
+        stack.append(u)
+        for v in sorted(graph[u]):
+            if state.get(v) == 1:
+                found.append(stack[stack.index(v):] + [v])
+            elif v not in state:
+                visit(v)
+        stack.pop()
+        state[u] = 2
+
+    for u in sorted(graph):
+        if u not in state:
+            visit(u)
+    return found
+
+
+def main():
+    args = [a for a in sys.argv[1:] if a != "-v"]
+    design, objects = args[0], args[1:]
+    defined_by, uses = {}, {}
+    for obj in objects:
+        unit = unit_of(obj)
+        defined, used = symbols(obj)
+        for name in defined:
+            defined_by.setdefault(name, unit)
+        uses[unit] = used
+    graph = {u: {defined_by[n] for n in used if n in defined_by and defined_by[n] != u} for u, used in uses.items()}
+    order = layers(design, list(graph))
+    if "-v" in sys.argv:
+        for u in sorted(graph, key=lambda u: (-order[u], u)):
+            print(f"{order[u]} {u} -> {', '.join(sorted(graph[u])) or '-'}")
+    faults = [" -> ".join(c) for c in cycles(graph)]
+    faults = ["cycle: " + c for c in faults]
+    faults += [f"upward: {u} ({order[u]}) -> {v} ({order[v]})" for u in sorted(graph) for v in sorted(graph[u])
+               if order[v] > order[u]]
+    for f in faults:
+        print(f)
+    print(f"{len(graph)} units, {sum(len(v) for v in graph.values())} edges, {len(faults)} faults")
+    return 1 if faults else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
