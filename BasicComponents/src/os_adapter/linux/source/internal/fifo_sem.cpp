@@ -16,14 +16,6 @@
 
 namespace qosa::sync {
 
-struct FifoWaiter {
-    std::atomic<std::uint32_t> state; // kWaiting, kSleeping or kGranted
-    std::int64_t queuedAt;            // monotonic ns when it joined the list
-    std::int64_t spinNs;              // how long it spins before it sleeps (0: it does not)
-    FifoWaiter* prev;
-    FifoWaiter* next;
-};
-
 namespace {
 
 constexpr std::uint32_t kFifoLive = 0x46494630u;
@@ -76,22 +68,6 @@ void lock(FifoSem* s) {
 
 void unlock(FifoSem* s) {
     if (s->lock.exchange(0, std::memory_order_release) == 2) futex_wake_one(&s->lock);
-}
-
-void append(FifoSem* s, FifoWaiter* w) {
-    w->prev = s->tail;
-    w->next = nullptr;
-    if (s->tail != nullptr)
-        s->tail->next = w;
-    else
-        s->head = w;
-    s->tail = w;
-}
-
-// Unlinks the waiter between prev and next (either may be NULL).
-void unlink(FifoSem* s, FifoWaiter* prev, FifoWaiter* next) {
-    (prev != nullptr ? prev->next : s->head) = next;
-    (next != nullptr ? next->prev : s->tail) = prev;
 }
 
 // Spinning threads of the whole process, and how many may spin at once: at
@@ -156,7 +132,7 @@ std::int64_t spin_time(FifoSem* s) { return ++s->waits % 16 == 0 ? kFifoSpinMaxN
 
 bool fifo_init(FifoSem* s, std::uint32_t value) {
     if (value > kFifoMaxCount) return false;
-    new (s) FifoSem{{0}, kFifoLive, value, kFifoSpinMaxNs, 0, nullptr, nullptr};
+    new (s) FifoSem{{0}, kFifoLive, value, kFifoSpinMaxNs, 0, {}};
     return true;
 }
 
@@ -165,7 +141,7 @@ SemStatus fifo_destroy(FifoSem* s) {
     SemStatus st = SemStatus::ok;
     if (s->magic != kFifoLive)
         st = SemStatus::invalid;
-    else if (s->head != nullptr)
+    else if (!s->waiters.empty())
         st = SemStatus::busy;
     else
         s->magic = 0;
@@ -179,25 +155,24 @@ SemStatus fifo_post(FifoSem* s) {
         unlock(s);
         return SemStatus::invalid;
     }
-    // The unit goes to the longest waiter that is not leaving. Everything
-    // needed of its node is read before the grant: once granted, the waiter
-    // may return and its node is gone (its neighbours stay: they are linked).
-    for (FifoWaiter* w = s->head; w != nullptr; w = w->next) {
-        FifoWaiter* prev = w->prev;
-        FifoWaiter* next = w->next;
-        std::int64_t spun = w->spinNs;
-        std::int64_t queuedAt = w->queuedAt;
-        std::uint32_t was = w->state.load(std::memory_order_acquire);
+    // The unit goes to the longest waiter that is not leaving. Its node is
+    // unlinked and read before the grant: once granted, the waiter may return
+    // and its node is gone. A leaving waiter met on the way is unlinked too
+    // (it unlinks itself only while still linked).
+    for (FifoWaiter& w : s->waiters) {
+        std::int64_t spun = w.spinNs;
+        std::int64_t queuedAt = w.queuedAt;
+        s->waiters.remove(&w);
+        std::uint32_t was = w.state.load(std::memory_order_acquire);
         while (was != kLeaving &&
-               !w->state.compare_exchange_weak(was, kGranted, std::memory_order_acq_rel, std::memory_order_acquire)) {
+               !w.state.compare_exchange_weak(was, kGranted, std::memory_order_acq_rel, std::memory_order_acquire)) {
         }
         if (was == kLeaving) continue;
-        unlink(s, prev, next);
         if (spun > 0) learn(s, was == kWaiting, clock::now_ns() - queuedAt);
         unlock(s);
         // A wake-up on the address of a node that is gone already is at
         // worst a spurious one, which every futex waiter tolerates.
-        if (was == kSleeping) futex_wake_one(&w->state);
+        if (was == kSleeping) futex_wake_one(&w.state);
         return SemStatus::ok;
     }
     SemStatus st = SemStatus::overflow;
@@ -224,10 +199,10 @@ SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs, bool interruptible) {
         unlock(s);
         return SemStatus::would_block;
     }
-    FifoWaiter self{{kWaiting}, clock::now_ns(), 0, nullptr, nullptr};
-    append(s, &self);
+    FifoWaiter self{{}, {kWaiting}, clock::now_ns(), 0};
+    s->waiters.push_back(&self);
     // Only the longest waiter spins: the next unit is its own.
-    if (s->head == &self) self.spinNs = std::min(spin_time(s), timeoutNs > 0 ? timeoutNs : kFifoSpinMaxNs);
+    if (s->waiters.front() == &self) self.spinNs = std::min(spin_time(s), timeoutNs > 0 ? timeoutNs : kFifoSpinMaxNs);
     unlock(s);
 
     // Once granted, the waiter touches the semaphore no more: the thread that
@@ -259,7 +234,7 @@ SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs, bool interruptible) {
     if (!self.state.compare_exchange_strong(st, kLeaving, std::memory_order_acq_rel, std::memory_order_acquire))
         return SemStatus::ok;
     lock(s);
-    unlink(s, self.prev, self.next);
+    if (self.link.linked()) s->waiters.remove(&self);
     if (self.spinNs > 0 && !interrupted) learn(s, false, 0);
     unlock(s);
     return interrupted ? SemStatus::interrupted : SemStatus::timed_out;
@@ -275,7 +250,7 @@ std::uint32_t fifo_count(FifoSem* s) {
 std::uint32_t fifo_waiters(FifoSem* s) {
     lock(s);
     std::uint32_t n = 0;
-    for (FifoWaiter* w = s->head; w != nullptr; w = w->next)
+    for ([[maybe_unused]] FifoWaiter& w : s->waiters)
         ++n;
     unlock(s);
     return n;

@@ -18,6 +18,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "ilist.h"
+
 namespace qosa::sync {
 
 enum class SemStatus {
@@ -30,17 +32,22 @@ enum class SemStatus {
     overflow,    // the count would pass its maximum
 };
 
-struct FifoWaiter;
+// A waiting thread, on its own stack while it waits.
+struct FifoWaiter {
+    ilist::Link link;
+    std::atomic<std::uint32_t> state; // see fifo_sem.cpp
+    std::int64_t queuedAt;            // monotonic ns when it joined the list
+    std::int64_t spinNs;              // how long it spins before it sleeps (0: it does not)
+};
 
-// Plain data, set up by fifo_init in place; must not move while in use.
+// Set up by fifo_init in place; must not move while in use.
 struct FifoSem {
     std::atomic<std::uint32_t> lock; // 0 free, 1 held, 2 held and contended
     std::uint32_t magic;             // kFifoLive while initialised
     std::uint32_t count;             // free units; non-zero only while none but leaving waiters are queued
     std::uint16_t spinNs;            // how long the longest waiter spins before it sleeps (learnt)
     std::uint16_t waits;             // waiters that queued first (wraps): every 16th spins in full
-    FifoWaiter* head;                // the longest waiter
-    FifoWaiter* tail;
+    ilist::List<FifoWaiter, &FifoWaiter::link> waiters; // the longest waiter first
 };
 
 inline constexpr std::uint32_t kFifoMaxCount = 0x7FFFFFFFu; // SEM_VALUE_MAX
