@@ -22,10 +22,10 @@ qosa::queue::QueueCounts counts(u32 id) {
     EXPECT_TRUE(qosa::queue::inspect(id, &c));
     return c;
 }
-// Messages, units, claims of writers and sleepers: all 0 on a quiet, empty queue.
+// Messages and waiters: all 0 on a quiet, empty queue.
 u32 leftovers(u32 id) {
     auto c = counts(id);
-    return c.messages + c.readUnits + c.writeUnits + c.writeWaiting + c.placesHeld + c.readSleepers + c.writeSleepers;
+    return c.messages + c.readWaiters + c.writeWaiters;
 }
 } // namespace
 
@@ -80,7 +80,7 @@ TEST(Queue, CutMessagesTimeOutsAndBlockedWriters) {
     EXPECT_EQ(ORV_QueueWrite(id, "x", 1, 50), ORV_QUEUE_ERR_WRITE_TIMEOUT);
     EXPECT_GE(ms_since(t0), 49);
     EXPECT_LT(ms_since(t0), 1000);
-    EXPECT_EQ(leftovers(id), 4u) << "two messages and their units; the writer that gave up left nothing";
+    EXPECT_EQ(leftovers(id), 2u) << "two messages; the writer that gave up left nothing";
     char buf[40];
     EXPECT_EQ(ORV_QueueRead(id, 0, buf, sizeof buf), 40u);
     EXPECT_EQ(std::string(buf, sizeof buf), std::string(40, 'a'));
@@ -99,7 +99,7 @@ TEST(Queue, CutMessagesTimeOutsAndBlockedWriters) {
         std::vector<std::thread> writers;
         for (const char* msg : {"3", "4"}) {
             writers.emplace_back([&, msg] { EXPECT_EQ(ORV_QueueWrite(id, msg, 1, timeout), 0u); });
-            while (counts(id).writeSleepers != writers.size())
+            while (counts(id).writeWaiters != writers.size())
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         char got[4] = {};
@@ -107,7 +107,7 @@ TEST(Queue, CutMessagesTimeOutsAndBlockedWriters) {
             EXPECT_EQ(ORV_QueueRead(id, 0, &c, 1), 1u);
         for (auto& w : writers)
             w.join();
-        EXPECT_TRUE(std::string(got, 4) == "1234" || std::string(got, 4) == "1243") << std::string(got, 4);
+        EXPECT_EQ(std::string(got, 4), "1234") << "waiting writers get their places in the order they came";
         EXPECT_EQ(leftovers(id), 0u);
     }
     EXPECT_EQ(ORV_QueueDelete(id), 0u);
@@ -118,6 +118,94 @@ TEST(Queue, CutMessagesTimeOutsAndBlockedWriters) {
     EXPECT_EQ(ORV_QueueRead(id, 20, buf, sizeof buf), ORV_QUEUE_ERR_READ_TIMEOUT);
     EXPECT_EQ(leftovers(id), 0u);
     EXPECT_EQ(ORV_QueueDelete(id), 0u);
+}
+
+// Ids stay consecutive and are refused once deleted, however many queues
+// live and in whatever order they go; every one is found among the others.
+TEST(Queue, IdsAtScaleDeletedInAnyOrder) {
+    enum Order { oldest_first, newest_first, odd_then_even };
+    struct Row {
+        u32 queues;
+        Order order;
+    };
+    for (Row row : {Row{10000, oldest_first}, Row{3000, newest_first}, Row{3000, odd_then_even}}) {
+        SCOPED_TRACE(row.order);
+        std::vector<u32> ids(row.queues);
+        for (u32& id : ids)
+            ASSERT_EQ(ORV_QueueCreate("scale", 2, &id, 0, 4), 0u);
+        for (u32 i = 1; i < row.queues; ++i)
+            ASSERT_EQ(ids[i], ids[0] + i);
+        std::vector<u32> order;
+        for (u32 i = 0; i < row.queues; ++i)
+            order.push_back(row.order == oldest_first   ? ids[i]
+                            : row.order == newest_first ? ids[row.queues - 1 - i]
+                            : i < row.queues / 2        ? ids[2 * i + 1]
+                                                        : ids[2 * (i - row.queues / 2)]);
+        char buf[4];
+        for (u32 i = 0; i < row.queues; ++i) {
+            u32 id = order[i], next = order[(i + 1) % row.queues];
+            if (i % 97 == 0) { // a message through one of the queues still there
+                ASSERT_EQ(ORV_QueueWrite(next, "abc", 3, 0), 0u);
+                ASSERT_EQ(ORV_QueueRead(next, 0, buf, sizeof buf), 3u);
+            }
+            ASSERT_EQ(ORV_QueueDelete(id), 0u);
+            ASSERT_EQ(ORV_QueueGetMsgNum(id), ORV_QUEUE_ERR_COUNT_NO_QUEUE);
+            ASSERT_EQ(ORV_QueueWrite(id, "x", 1, 0), ORV_QUEUE_ERR_WRITE_NO_QUEUE);
+            ASSERT_EQ(ORV_QueueDelete(id), ORV_QUEUE_ERR_DELETE_NO_QUEUE);
+            if (i + 1 < row.queues) {
+                ASSERT_EQ(ORV_QueueGetMsgNum(next), 0u);
+            }
+        }
+        EXPECT_FALSE(qosa::queue::list_exists());
+    }
+}
+
+// Readers that wait on an empty queue get the messages in the order they
+// came; a thread that was served may delete the queue at once, while the
+// thread that served it is still returning.
+TEST(Queue, WaitingReadersServedInOrderAndServedThreadsMayDelete) {
+    u32 id = 0;
+    ASSERT_EQ(ORV_QueueCreate("readers", 4, &id, 0, 1), 0u);
+    std::vector<char> got(5, 0);
+    std::vector<std::thread> readers;
+    for (std::size_t i = 0; i < got.size(); ++i) {
+        readers.emplace_back([&, i] { EXPECT_EQ(ORV_QueueRead(id, 10000, &got[i], 1), 1u); });
+        while (counts(id).readWaiters != readers.size())
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    for (char c : std::string("abcde"))
+        ASSERT_EQ(ORV_QueueWrite(id, &c, 1, 0), 0u);
+    for (auto& t : readers)
+        t.join();
+    EXPECT_EQ(std::string(got.begin(), got.end()), "abcde");
+    EXPECT_EQ(leftovers(id), 0u);
+    EXPECT_EQ(ORV_QueueDelete(id), 0u);
+
+    for (int i = 0; i < 400; ++i) {
+        bool readerWaits = i % 2 == 0; // else a writer waits on a full queue
+        ASSERT_EQ(ORV_QueueCreate("served", 1, &id, 0, 8), 0u);
+        if (!readerWaits) {
+            ASSERT_EQ(ORV_QueueWrite(id, "full", 4, 0), 0u);
+        }
+        std::thread served([id, readerWaits] {
+            char b[8];
+            if (readerWaits)
+                EXPECT_EQ(ORV_QueueRead(id, 0, b, sizeof b), 4u);
+            else
+                EXPECT_EQ(ORV_QueueWrite(id, "next", 4, 0), 0u);
+            EXPECT_EQ(ORV_QueueDelete(id), 0u);
+        });
+        if (i % 4 < 2) { // sometimes it is asleep by the time it is served
+            while (counts(id).readWaiters + counts(id).writeWaiters == 0)
+                std::this_thread::yield();
+        }
+        char b[8];
+        if (readerWaits)
+            EXPECT_EQ(ORV_QueueWrite(id, "ping", 4, 0), 0u);
+        else
+            EXPECT_EQ(ORV_QueueRead(id, 0, b, sizeof b), 4u);
+        served.join();
+    }
 }
 
 namespace {

@@ -1,31 +1,44 @@
 // Numbered, bounded queues of byte messages between threads.
 //
-// Each queue guards its message chain and counts with its own mutex, held
-// only to link or unlink a node (copies are made and freed outside it), and
-// never while waiting: readers wait on hSemRead, which holds one unit per
-// message written, and writers that find the queue full wait on hSemWrite.
-// A writer registers under the mutex before it waits (ulWriteWaiting); a
-// read that frees a place while writers are registered holds the place for
-// the longest of them (ulPlacesHeld) and posts hSemWrite once. The writers'
-// semaphore thus carries a unit only for a writer that is owed a place, a
-// woken writer always finds its place, and a writer that gives up takes its
-// claim back. Reads and writes share one wait (wait_turn): a waiter that
-// wakes and still finds no message, or no place, puts the unit back and
-// polls again after 1 ms. Time-outs run on the monotonic clock.
+// Each queue is a monitor: one futex lock guards its message chain, its count
+// and two first-in first-out wait lists (internal/fifo_sem.h), one of readers
+// that found it empty and one of writers that found it full. Nobody waits
+// with the lock held, and whoever changes the queue serves the waiters it
+// unblocks itself, before the woken thread even runs:
+// - a write to an empty queue that a reader waits for hands the message to
+//   the longest waiting reader (copied straight into its buffer);
+// - a read from a full queue that a writer waits for links the longest
+//   waiting writer's message (already in a node) into the place it freed.
+// A woken thread then only returns: it never looks at the queue again, so it
+// never runs into the lock; and the thread that served it is done with the
+// queue before the grant, so either may delete the queue once its call
+// returns. Waiters are served strictly in the order they came, and a reader or
+// writer that arrives later queues behind them (a full queue has writers
+// waiting only while it stays full, an empty one readers only while it stays
+// empty). Reads and writes share the one wait of the wait lists; time-outs run
+// on the monotonic clock.
 //
-// The queue list is a head record holding the queues, newest first, guarded
-// by g_hQueListMutex; the list mutex and a queue's mutex are never held
-// together. The head record is made with the first queue and freed with the
-// last. The list mutex lives for the whole process, so a lookup that races
-// with the deletion of the last queue never locks a dead mutex, and first
-// creations from several threads build the list once. A mutex that cannot be
-// taken fails the call as if no queue had the id.
+// Messages live in nodes, copied into them before the lock is taken where a
+// node is at hand, and out of them after it is released. While memory
+// tracking is off, a queue whose messages are at most kInlineMaxLen bytes
+// keeps them in nodes sized for its longest message and keeps up to
+// kSpareSlots freed nodes (no more than its capacity) in lock-free slots for
+// the next writes, so a steady stream allocates nothing. With tracking on
+// every message gets a node and a copy of its own, allocated before the lock
+// is taken and freed after it is released, so the memory reports list each
+// message held.
+//
+// The queue list is a head record with an index from id to queue (a table of
+// buckets, id modulo a power of two, doubled as queues are added), guarded by
+// g_hQueListMutex; the list mutex and a queue's lock are never held together.
+// The head record is made with the first queue and freed with the last. The
+// list mutex lives for the whole process, so a lookup that races with the
+// deletion of the last queue never locks a dead mutex, and first creations
+// from several threads build the list once. A list mutex that cannot be
+// taken fails the call as if no queue had the id (create: 0x2005000C).
 #define QOSA_UNIT_NAME "minikarbo_queue.c"
 
-#include <sched.h>
-
 #include <atomic>
-#include <cerrno>
 #include <climits>
 #include <cstddef>
 #include <cstdint>
@@ -36,43 +49,62 @@
 #include "internal/common.h"
 #include "internal/fifo_sem.h"
 #include "internal/ilist.h"
+#include "internal/mem_switch.h"
 #include "internal/queue_debug.h"
 #include "qosa_lock.h"
 #include "qosa_mem.h"
 #include "qosa_queue.h"
-#include "qosa_sem.h"
 #include "qosa_string.h"
 
 namespace {
 
 using qosa::ilist::Link;
 using qosa::ilist::List;
+using namespace qosa::sync;
+
+// Longest message kept in a node of its queue's own size while tracking is
+// off; queues of longer messages allocate each one.
+constexpr u32 kInlineMaxLen = 4096;
+// Inline nodes a queue keeps for reuse.
+constexpr u32 kSpareSlots = 8;
 
 struct MsgNode {
-    Link link; // on its queue's chain, oldest first
+    Link link; // on its queue's chain (oldest first), or among its spare nodes
     u32 ulLen;
-    void* pData; // a copy of exactly ulLen bytes
+    void* pData; // the copy: a block of its own, or the node's own storage (the queue's longest message follows)
+};
+bool is_inline(const MsgNode* node) { return node->pData == node + 1; }
+using MsgChain = List<MsgNode, &MsgNode::link>;
+
+// A reader waiting for a message: the writer that serves it copies the message
+// into buf (result: the bytes copied) or, with tracking on, hands it the node.
+struct ReadWaiter : FifoWaiter {
+    void* buf = nullptr;
+    u32 len = 0;
+    u32 result = 0;
+    MsgNode* node = nullptr;
+};
+// A writer waiting for a place, its message ready in node.
+struct WriteWaiter : FifoWaiter {
+    MsgNode* node = nullptr;
 };
 
-// Set-up steps of a queue, in order: what its teardown undoes.
-enum Made : u32 { kMadeNothing, kMadeMutex, kMadeSemRead, kMadeSemWrite };
-
 struct QueueRec {
-    Link link; // on the queue list
+    Link link; // in its bucket of the index
     u32 ulQueId;
     char szName[32]; // at most 31 bytes of the name, zero-filled
     u32 ulMaxMsgNum;
-    u32 ulMsgNum; // also read without hMutex (ORV_QueueGetMsgNum): accessed through msg_num / set_msg_num
+    u32 ulMsgNum; // also read without the lock (ORV_QueueGetMsgNum): accessed through msg_num / set_msg_num
     u32 ulMaxMsgLen;
     u32 ulMode; // stored, consulted by nothing
-    List<MsgNode, &MsgNode::link> msgs;
-    QosaMutex hMutex;
-    QOSA_SEM_S hSemRead;
-    QOSA_SEM_S hSemWrite;
-    u32 ulWriteWaiting; // writers waiting for a place that no post is owed to yet (under hMutex)
-    u32 ulPlacesHeld;   // free places promised to writers posted for, not yet written (under hMutex)
-    u32 ulPosting;      // writers between linking their message and posting hSemRead (atomic)
-    Made made;          // how far the set-up got
+    MsgChain msgs;
+    FutexLock lock; // guards everything below and ulMsgNum
+    Spin readSpin;
+    Spin writeSpin;
+    WaitList readers;                             // only while the queue is empty
+    WaitList writers;                             // only while the queue is full
+    u32 ulSlots;                                  // spare slots in use: at most kSpareSlots and the capacity
+    std::atomic<MsgNode*> apstSpare[kSpareSlots]; // inline nodes kept for the next writes (no lock)
 };
 
 static_assert(offsetof(QueueRec, link) == 0);
@@ -82,15 +114,16 @@ static_assert(offsetof(QueueRec, ulMaxMsgNum) < offsetof(QueueRec, ulMsgNum));
 static_assert(offsetof(QueueRec, ulMsgNum) < offsetof(QueueRec, ulMaxMsgLen));
 static_assert(offsetof(QueueRec, ulMaxMsgLen) < offsetof(QueueRec, ulMode));
 static_assert(offsetof(QueueRec, ulMode) < offsetof(QueueRec, msgs));
-static_assert(offsetof(QueueRec, msgs) < offsetof(QueueRec, hMutex));
-static_assert(offsetof(QueueRec, hMutex) < offsetof(QueueRec, hSemRead));
-static_assert(offsetof(QueueRec, hSemRead) < offsetof(QueueRec, hSemWrite));
 static_assert(sizeof(QueueRec::szName) == ORV_QUEUE_NAME_MAX + 1);
 
-// The queue list's head record, made with the first queue and freed with the
-// last: the queues, newest first.
+using Bucket = List<QueueRec, &QueueRec::link>;
+constexpr u32 kFirstBuckets = 16;
+
+// The queue list's head record: the index of the live queues.
 struct QueueList {
-    List<QueueRec, &QueueRec::link> queues;
+    u32 ulCount; // queues
+    u32 ulMask;  // buckets - 1, buckets a power of two
+    Bucket* pstBuckets;
 };
 
 std::atomic<QueueList*> g_pstQueList{nullptr}; // changed under g_hQueListMutex
@@ -101,8 +134,48 @@ u32 msg_num(QueueRec* q) { return std::atomic_ref<u32>(q->ulMsgNum).load(std::me
 void set_msg_num(QueueRec* q, u32 n) { std::atomic_ref<u32>(q->ulMsgNum).store(n, std::memory_order_relaxed); }
 
 // Tracked blocks of this unit; QOSA_HERE at the call records the caller's line.
-void* take(u32 size, u32 line, const char* file) { return QOSA_MemTypeMallocD(size, QOSA_MEM_DYN, line, file); }
+void* take(std::size_t size, u32 line, const char* file) {
+    return size > UINT32_MAX ? nullptr : QOSA_MemTypeMallocD(static_cast<u32>(size), QOSA_MEM_DYN, line, file);
+}
 void give_back(void* p, u32 line, const char* file) { QOSA_MemTypeFreeD(p, QOSA_MEM_DYN, line, file); }
+
+// ---- the index ---------------------------------------------------------------
+
+Bucket* make_buckets(u32 n) {
+    auto* b = static_cast<Bucket*>(take(sizeof(Bucket) * n, QOSA_HERE));
+    if (b != nullptr)
+        for (u32 i = 0; i < n; ++i)
+            new (&b[i]) Bucket();
+    return b;
+}
+
+Bucket& bucket(QueueList* list, u32 queId) { return list->pstBuckets[queId & list->ulMask]; }
+
+// The queue with this id (g_hQueListMutex held), or NULL.
+QueueRec* listed(QueueList* list, u32 queId) {
+    for (QueueRec& q : bucket(list, queId))
+        if (q.ulQueId == queId) return &q;
+    return nullptr;
+}
+
+// Adds a queue (g_hQueListMutex held); the table doubles once it holds more
+// queues than buckets (if that allocation fails it stays as it is).
+void add_listed(QueueList* list, QueueRec* q) {
+    if (list->ulCount > list->ulMask) {
+        u32 n = (list->ulMask + 1) * 2;
+        if (Bucket* grown = n != 0 ? make_buckets(n) : nullptr) {
+            Bucket* old = list->pstBuckets;
+            for (u32 i = 0; i <= list->ulMask; ++i)
+                while (QueueRec* r = old[i].pop_front())
+                    grown[r->ulQueId & (n - 1)].push_back(r);
+            list->pstBuckets = grown;
+            list->ulMask = n - 1;
+            give_back(old, QOSA_HERE);
+        }
+    }
+    bucket(list, q->ulQueId).push_front(q);
+    ++list->ulCount;
+}
 
 // Each thread remembers the queue it looked up last; every delete bumps
 // s_ulListVersion, which makes those memories stale. Ids are never reused,
@@ -114,13 +187,6 @@ struct LastLookup {
     QueueRec* pstQue;
 };
 thread_local LastLookup t_stLastLookup{0, 0, nullptr};
-
-// The queue with this id on the list (g_hQueListMutex held), or NULL.
-QueueRec* listed(QueueList* list, u32 queId) {
-    for (QueueRec& q : list->queues)
-        if (q.ulQueId == queId) return &q;
-    return nullptr;
-}
 
 // The queue with this id, or NULL (also when the list mutex cannot be
 // taken). The record is used after the list mutex is released: deleting a
@@ -138,20 +204,21 @@ QueueRec* find_queue(u32 queId) {
     return q;
 }
 
-// Holds a free place for the longest registered writer and posts hSemWrite
-// for it (hMutex held).
-void wake_writer(QueueRec* q) {
-    --q->ulWriteWaiting;
-    ++q->ulPlacesHeld;
-    QOSA_SemPost(&q->hSemWrite);
+// ---- messages ----------------------------------------------------------------
+
+// Copies what fits of a message into a reader's buffer (the rest of a longer
+// message is dropped); returns the bytes copied.
+u32 copy_to(void* buf, u32 bufLen, const void* data, u32 len) {
+    u32 n = len < bufLen ? len : bufLen;
+    if (memcpy_s(buf, bufLen, data, n) != 0) std::puts("memcpy_s is fail");
+    return n;
 }
 
-// True when a place is free that no woken writer has been promised.
-bool has_room(QueueRec* q) { return msg_num(q) + q->ulPlacesHeld < q->ulMaxMsgNum; }
+// True when this queue's messages go into inline nodes.
+bool inline_nodes(const QueueRec* q) { return !qosa::mem::tracking() && q->ulMaxMsgLen <= kInlineMaxLen; }
 
-// A message node with its copy of the message, made before the queue is
-// locked so that the mutex is held only to link it in. NULL when an
-// allocation failed.
+// A node with a copy of the message in a block of its own, made before the
+// queue is locked. NULL when an allocation failed.
 MsgNode* make_node(const void* msg, u32 len) {
     auto* node = static_cast<MsgNode*>(take(sizeof(MsgNode), QOSA_HERE));
     if (node == nullptr) return nullptr;
@@ -165,142 +232,80 @@ MsgNode* make_node(const void* msg, u32 len) {
 }
 
 void free_node(MsgNode* node) {
-    give_back(node->pData, QOSA_HERE);
+    if (!is_inline(node)) give_back(node->pData, QOSA_HERE);
     give_back(node, QOSA_HERE);
 }
 
-// Appends a message (hMutex held, a place free for it). A writer that woke
-// for a place and leaves room behind passes the wake-up on, so every waiting
-// writer is released while there is room.
-void KARBO_ADAPT_WriteMsg(QueueRec* q, MsgNode* node, bool woken) {
-    q->msgs.push_back(node);
-    set_msg_num(q, msg_num(q) + 1);
-    if (woken && q->ulWriteWaiting > 0 && has_room(q)) wake_writer(q);
+// A spare inline node, or NULL. The slots need no lock: a node is put into an
+// empty slot and taken out by exchange, so each goes to one thread.
+MsgNode* spare_node(QueueRec* q) {
+    for (u32 i = 0; i < q->ulSlots; ++i)
+        if (q->apstSpare[i].load(std::memory_order_relaxed) != nullptr)
+            if (MsgNode* node = q->apstSpare[i].exchange(nullptr, std::memory_order_acquire)) return node;
+    return nullptr;
 }
 
-// Unlinks the oldest message (hMutex held, at least one held); the place it
-// frees goes to the longest registered writer.
-MsgNode* KARBO_ADAPT_ReadMsg(QueueRec* q) {
-    MsgNode* node = q->msgs.pop_front();
-    if (q->ulWriteWaiting > 0) wake_writer(q);
-    set_msg_num(q, msg_num(q) - 1);
+// Releases a node that left the queue: an inline one is kept in an empty
+// slot (else freed).
+void release_node(QueueRec* q, MsgNode* node) {
+    if (is_inline(node)) {
+        for (u32 i = 0; i < q->ulSlots; ++i) {
+            MsgNode* empty = nullptr;
+            if (q->apstSpare[i].load(std::memory_order_relaxed) == nullptr &&
+                q->apstSpare[i].compare_exchange_strong(empty, node, std::memory_order_release,
+                                                        std::memory_order_relaxed))
+                return;
+        }
+    }
+    free_node(node);
+}
+
+// Copies the message into an inline node.
+void fill(QueueRec* q, MsgNode* node, const void* msg, u32 len) {
+    if (memcpy_s(node->pData, q->ulMaxMsgLen, msg, len) != 0) std::puts("memcpy_s is fail");
+    node->ulLen = len;
+}
+
+// A new inline node holding a copy of the message; NULL when the allocation
+// failed.
+MsgNode* new_inline_node(QueueRec* q, const void* msg, u32 len) {
+    void* mem = take(sizeof(MsgNode) + q->ulMaxMsgLen, QOSA_HERE);
+    if (mem == nullptr) return nullptr;
+    auto* node = new (mem) MsgNode{{}, 0, nullptr};
+    node->pData = node + 1;
+    fill(q, node, msg, len);
     return node;
 }
 
-// Links the message in (hMutex held). The readers' unit is posted by
-// post_read once the mutex is free, so the reader it wakes does not run into
-// it. Between the unlock and the post a reader may already have taken the
-// message, and its thread may delete the queue: ulPosting, raised here and
-// lowered as the writer's last touch of the queue, makes the delete wait.
-void link_message(QueueRec* q, MsgNode* node, bool woken) {
-    KARBO_ADAPT_WriteMsg(q, node, woken);
-    __atomic_fetch_add(&q->ulPosting, 1u, __ATOMIC_RELAXED);
-}
-u32 post_read(QueueRec* q) {
-    QOSA_SemPost(&q->hSemRead);
-    __atomic_fetch_sub(&q->ulPosting, 1u, __ATOMIC_RELEASE);
-    return 0;
+// Appends a message (the lock held, a place free).
+void KARBO_ADAPT_WriteMsg(QueueRec* q, MsgNode* node) {
+    q->msgs.push_back(node);
+    set_msg_num(q, msg_num(q) + 1);
 }
 
-// Copies what fits of a taken message into buf (the rest of a longer message
-// is dropped) and frees it; returns the bytes copied.
-u32 copy_out(MsgNode* node, void* buf, u32 bufLen) {
-    u32 n = node->ulLen < bufLen ? node->ulLen : bufLen;
-    if (memcpy_s(buf, bufLen, node->pData, n) != 0) std::puts("memcpy_s is fail");
-    free_node(node);
-    return n;
+// Takes the oldest message (the lock held, one held). The place it frees
+// goes to the longest waiting writer, if any: its message is linked at once
+// and returned in served, to be granted once the lock is released.
+MsgNode* KARBO_ADAPT_ReadMsg(QueueRec* q, Claim* served) {
+    MsgNode* node = q->msgs.pop_front();
+    *served = claim(q->writers, q->writeSpin);
+    if (served->waiter != nullptr)
+        q->msgs.push_back(static_cast<WriteWaiter*>(served->waiter)->node);
+    else
+        set_msg_num(q, msg_num(q) - 1);
+    return node;
 }
 
-// A writer whose time ran out takes its claim back: its registration while
-// no post is owed to it, else the unit posted for it and the place held. Its
-// message is dropped.
-u32 writer_gives_up(QueueRec* q, MsgNode* node) {
-    free_node(node);
-    MutexGuard hold(&q->hMutex);
-    if (!hold.locked()) return ORV_QUEUE_ERR_WRITE_TIMEOUT;
-    if (q->ulWriteWaiting > 0)
-        --q->ulWriteWaiting;
-    else if (QOSA_SemTryWait(&q->hSemWrite) == 0 && q->ulPlacesHeld > 0)
-        --q->ulPlacesHeld;
-    return ORV_QUEUE_ERR_WRITE_TIMEOUT;
-}
-
-// How a wait for a turn at the queue ended.
-enum class Turn {
-    taken,          // the step ran under hMutex
-    sem_timed_out,  // the semaphore's timed wait ran out
-    poll_timed_out, // the time ran out between two waits
-    no_lock,        // hMutex could not be taken
-};
-
-// Takes a unit of sem, waiting until the monotonic deadline (ns; < 0: no
-// limit). A signal handler that interrupts an untimed wait does not end it.
-bool take_unit(QOSA_SEM_S* sem, std::int64_t deadline) {
-    if (deadline < 0) {
-        while (QOSA_SemWait(sem) != 0 && errno == EINTR) {
-        }
-        return true;
-    }
-    std::int64_t left = deadline - qosa::clock::now_ns();
-    if (left <= 0) return false;
-    u32 ms = static_cast<u32>((left + qosa::clock::kNsPerMs - 1) / qosa::clock::kNsPerMs);
-    return QOSA_SemWaitTimeOut(sem, ms) == 0;
-}
-
-// The one wait of reads and writes: takes a unit of sem (each stands for a
-// message to read, or a place held for a writer), then runs step under
-// hMutex; a step that finds no message or no place after all (false) hands
-// the unit on and polls again after 1 ms. timeoutMs 0 waits without limit.
-template <typename Step>
-Turn wait_turn(QueueRec* q, QOSA_SEM_S* sem, u32 timeoutMs, Step step) {
-    std::int64_t deadline = timeoutMs == 0 ? -1 : qosa::clock::now_ns() + timeoutMs * qosa::clock::kNsPerMs;
-    for (;;) {
-        if (!take_unit(sem, deadline)) return Turn::sem_timed_out;
-        {
-            MutexGuard hold(&q->hMutex);
-            if (!hold.locked()) return Turn::no_lock;
-            if (step()) return Turn::taken;
-        }
-        QOSA_SemPost(sem);
-        qosa::clock::sleep_ns(qosa::clock::kNsPerMs);
-        if (deadline >= 0 && qosa::clock::now_ns() >= deadline) return Turn::poll_timed_out;
-    }
-}
-
-// The queue mutex is held for a few hundred nanoseconds at a time: a thread
-// that finds it taken spins a little before it sleeps.
-const pthread_mutexattr_t* adaptive() {
-    static const pthread_mutexattr_t* attr = [] {
-        static pthread_mutexattr_t a;
-        pthread_mutexattr_init(&a);
-        pthread_mutexattr_settype(&a, PTHREAD_MUTEX_ADAPTIVE_NP);
-        return static_cast<const pthread_mutexattr_t*>(&a);
-    }();
-    return attr;
-}
+std::int64_t timeout_ns(u32 timeoutMs) { return timeoutMs == 0 ? -1 : timeoutMs * qosa::clock::kNsPerMs; }
 
 // The one teardown of a queue, for a creation that failed half-way and for
-// a delete: releases its messages, undoes the set-up steps made, frees the
-// record.
+// a delete: releases its messages and spare nodes, frees the record.
 void teardown(QueueRec* q) {
     while (MsgNode* node = q->msgs.pop_front())
         free_node(node);
-    if (q->made >= kMadeSemWrite) QOSA_SemDestroy(&q->hSemWrite);
-    if (q->made >= kMadeSemRead) QOSA_SemDestroy(&q->hSemRead);
-    if (q->made >= kMadeMutex) QOSA_MutexDestroy(&q->hMutex);
+    for (u32 i = 0; i < q->ulSlots; ++i)
+        if (MsgNode* node = q->apstSpare[i].exchange(nullptr, std::memory_order_relaxed)) free_node(node);
     give_back(q, QOSA_HERE);
-}
-
-// Makes the mutex and the two semaphores of a new queue; false on the first
-// that fails (q->made tells how far it got).
-bool make_sync(QueueRec* q) {
-    if (QOSA_MutexInit(&q->hMutex, adaptive()) != 0) return false;
-    q->made = kMadeMutex;
-    if (QOSA_SemInit(&q->hSemRead, 0, 0) == -1) return false;
-    q->made = kMadeSemRead;
-    if (QOSA_SemInit(&q->hSemWrite, 0, 0) == -1) return false;
-    q->made = kMadeSemWrite;
-    return true;
 }
 
 } // namespace
@@ -310,13 +315,17 @@ namespace qosa::queue {
 bool inspect(std::uint32_t queId, QueueCounts* out) {
     QueueRec* q = find_queue(queId);
     if (q == nullptr) return false;
-    MutexGuard hold(&q->hMutex);
-    if (!hold.locked()) return false;
-    auto* read = std::launder(reinterpret_cast<qosa::sync::FifoSem*>(q->hSemRead.sem.aullStore));
-    auto* write = std::launder(reinterpret_cast<qosa::sync::FifoSem*>(q->hSemWrite.sem.aullStore));
-    *out =
-        QueueCounts{msg_num(q),      qosa::sync::fifo_count(read),   qosa::sync::fifo_count(write),  q->ulWriteWaiting,
-                    q->ulPlacesHeld, qosa::sync::fifo_waiters(read), qosa::sync::fifo_waiters(write)};
+    FutexGuard hold(q->lock);
+    auto count = [](WaitList& l) {
+        std::uint32_t n = 0;
+        for ([[maybe_unused]] FifoWaiter& w : l)
+            ++n;
+        return n;
+    };
+    std::uint32_t spare = 0;
+    for (u32 i = 0; i < q->ulSlots; ++i)
+        spare += q->apstSpare[i].load(std::memory_order_relaxed) != nullptr;
+    *out = QueueCounts{msg_num(q), count(q->readers), count(q->writers), spare};
     return true;
 }
 
@@ -345,7 +354,12 @@ u32 ORV_QueueCreate(const char* name, u32 maxMsgNum, u32* queId, u32 mode, u32 m
     if (list == nullptr) {
         void* head = take(sizeof(QueueList), QOSA_HERE);
         if (head == nullptr) return ORV_QUEUE_ERR_NO_MEMORY;
-        list = new (head) QueueList{};
+        Bucket* buckets = make_buckets(kFirstBuckets);
+        if (buckets == nullptr) {
+            give_back(head, QOSA_HERE);
+            return ORV_QUEUE_ERR_NO_MEMORY;
+        }
+        list = new (head) QueueList{0, kFirstBuckets - 1, buckets};
         g_pstQueList.store(list, std::memory_order_release);
     }
 
@@ -358,18 +372,16 @@ u32 ORV_QueueCreate(const char* name, u32 maxMsgNum, u32* queId, u32 mode, u32 m
     if (nameLen > ORV_QUEUE_NAME_MAX) nameLen = ORV_QUEUE_NAME_MAX; // the field stays terminated
     if (nameLen > 0 && memcpy_s(q->szName, sizeof(q->szName), name, nameLen) != 0) std::puts("memcpy_s is fail");
     q->ulMode = mode;
+    q->readSpin = q->writeSpin = Spin{kSpinMaxNs, 0};
+    q->ulSlots = maxMsgNum < kSpareSlots ? maxMsgNum : kSpareSlots;
 
-    u32 r = 0;
-    if (!make_sync(q))
-        r = ORV_QUEUE_ERR_CREATE_SYNC;
-    else if (s_ulQueId == UINT32_MAX) // numbers are never reused: once the last one is handed out, creation fails
-        r = ORV_QUEUE_ERR_CREATE_ID;
-    if (r != 0) {
+    // Numbers are never reused: once the last one is handed out, creation fails.
+    if (s_ulQueId == UINT32_MAX) {
         teardown(q);
-        return r;
+        return ORV_QUEUE_ERR_CREATE_ID;
     }
     q->ulQueId = ++s_ulQueId;
-    list->queues.push_front(q);
+    add_listed(list, q);
     *queId = q->ulQueId;
     return 0;
 }
@@ -386,16 +398,18 @@ u32 ORV_QueueDelete(u32 queId) {
     // have left its address to a new queue.
     u32 r = ORV_QUEUE_ERR_DELETE_GONE;
     if (listed(list, queId) == q) {
-        list->queues.remove(q);
+        Bucket::remove(q);
+        --list->ulCount;
         s_ulListVersion.fetch_add(1, std::memory_order_acq_rel);
-        // Writers still posting for messages already taken finish first.
-        while (__atomic_load_n(&q->ulPosting, __ATOMIC_ACQUIRE) != 0)
-            sched_yield();
+        // A thread that served the thread deleting the queue may still be
+        // releasing the lock: it is released before the queue goes.
+        { FutexGuard last(q->lock); }
         teardown(q);
         r = 0;
     }
-    if (list->queues.empty()) { // the last queue is gone: so is the list
+    if (list->ulCount == 0) { // the last queue is gone: so is the list
         g_pstQueList.store(nullptr, std::memory_order_release);
+        give_back(list->pstBuckets, QOSA_HERE);
         give_back(list, QOSA_HERE);
         return 0;
     }
@@ -407,35 +421,47 @@ u32 ORV_QueueWrite(u32 queId, const void* msg, u32 len, u32 timeoutMs) {
     QueueRec* q = find_queue(queId);
     if (q == nullptr) return ORV_QUEUE_ERR_WRITE_NO_QUEUE;
     if (len == 0 || len > q->ulMaxMsgLen) return ORV_QUEUE_ERR_WRITE_LEN;
-    MsgNode* node = make_node(msg, len);
-    if (node == nullptr) return ORV_QUEUE_ERR_NO_MEMORY;
+    // The copy is made before the lock is taken, into a spare inline node if
+    // there is one (else under the lock, into a new one).
+    bool inlined = inline_nodes(q);
+    MsgNode* node = inlined ? spare_node(q) : make_node(msg, len);
+    if (node == nullptr && !inlined) return ORV_QUEUE_ERR_NO_MEMORY;
+    if (node != nullptr && inlined) fill(q, node, msg, len);
 
-    bool linked = false;
+    WriteWaiter self;
+    Claim reader;
     {
-        MutexGuard hold(&q->hMutex);
-        if (!hold.locked()) {
-            free_node(node);
-            return ORV_QUEUE_ERR_WRITE_NO_QUEUE;
+        FutexGuard hold(q->lock);
+        if (msg_num(q) < q->ulMaxMsgNum) reader = claim(q->readers, q->readSpin);
+        if (reader.waiter == nullptr) {
+            if (node == nullptr) node = new_inline_node(q, msg, len);
+            if (node == nullptr) return ORV_QUEUE_ERR_NO_MEMORY;
+            if (msg_num(q) < q->ulMaxMsgNum) {
+                KARBO_ADAPT_WriteMsg(q, node);
+                return 0;
+            }
+            // Full: the writer waits with its message ready; the read that
+            // frees its place links it.
+            self.node = node;
+            enqueue(q->writers, q->writeSpin, self, timeout_ns(timeoutMs));
         }
-        linked = has_room(q);
-        if (linked)
-            link_message(q, node, false);
-        else
-            ++q->ulWriteWaiting; // the read that frees a place now posts for this writer
     }
-    if (linked) return post_read(q);
-
-    // A woken writer takes up the place held for it.
-    Turn turn = wait_turn(q, &q->hSemWrite, timeoutMs, [&] {
-        if (q->ulPlacesHeld > 0) --q->ulPlacesHeld;
-        if (!has_room(q)) return false;
-        link_message(q, node, true);
-        return true;
-    });
-    if (turn == Turn::taken) return post_read(q);
-    if (turn != Turn::no_lock) return writer_gives_up(q, node);
-    free_node(node);
-    return ORV_QUEUE_ERR_WRITE_NO_QUEUE;
+    if (reader.waiter != nullptr) {
+        // A reader waits only on an empty queue: it takes the message at once
+        // (a tracked node as it is). The queue is done with before the grant.
+        auto* r = static_cast<ReadWaiter*>(reader.waiter);
+        if (node != nullptr && !is_inline(node)) {
+            r->node = node;
+        } else {
+            r->result = copy_to(r->buf, r->len, msg, len);
+            if (node != nullptr) release_node(q, node);
+        }
+        grant(reader);
+        return 0;
+    }
+    if (await(q->lock, q->writers, q->writeSpin, self, timeout_ns(timeoutMs)) == SemStatus::ok) return 0;
+    release_node(q, node); // timed out: the message was never linked
+    return ORV_QUEUE_ERR_WRITE_TIMEOUT;
 }
 
 u32 ORV_QueueRead(u32 queId, u32 timeoutMs, void* buf, u32 bufLen) {
@@ -444,23 +470,32 @@ u32 ORV_QueueRead(u32 queId, u32 timeoutMs, void* buf, u32 bufLen) {
     QueueRec* q = find_queue(queId);
     if (q == nullptr) return ORV_QUEUE_ERR_READ_NO_QUEUE;
 
+    ReadWaiter self;
+    self.buf = buf;
+    self.len = bufLen;
+    Claim writer;
     MsgNode* node = nullptr;
-    Turn turn = wait_turn(q, &q->hSemRead, timeoutMs, [&] {
-        if (msg_num(q) == 0) return false;
-        node = KARBO_ADAPT_ReadMsg(q);
-        return true;
-    });
-    switch (turn) {
-    case Turn::taken:
-        return copy_out(node, buf, bufLen);
-    case Turn::sem_timed_out:
-        return ORV_QUEUE_ERR_READ_TIMEOUT;
-    case Turn::poll_timed_out:
-        return ORV_QUEUE_ERR_READ_RETRY_TIMEOUT;
-    case Turn::no_lock:
-        break;
+    {
+        FutexGuard hold(q->lock);
+        if (msg_num(q) > 0)
+            node = KARBO_ADAPT_ReadMsg(q, &writer);
+        else
+            enqueue(q->readers, q->readSpin, self, timeout_ns(timeoutMs));
     }
-    return ORV_QUEUE_ERR_READ_NO_QUEUE;
+    if (node != nullptr) {
+        // Copied out after the lock is released; the queue is done with
+        // before the writer whose message took the place is granted.
+        u32 n = copy_to(buf, bufLen, node->pData, node->ulLen);
+        release_node(q, node);
+        if (writer.waiter != nullptr) grant(writer);
+        return n;
+    }
+    if (await(q->lock, q->readers, q->readSpin, self, timeout_ns(timeoutMs)) != SemStatus::ok)
+        return ORV_QUEUE_ERR_READ_TIMEOUT;
+    if (self.node == nullptr) return self.result;
+    u32 n = copy_to(buf, bufLen, self.node->pData, self.node->ulLen);
+    free_node(self.node);
+    return n;
 }
 
 u32 ORV_QueueGetMsgNum(u32 queId) {

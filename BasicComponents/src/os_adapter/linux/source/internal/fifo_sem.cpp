@@ -1,4 +1,4 @@
-// The first-in first-out counting semaphore (see fifo_sem.h).
+// First-in first-out waiting and the counting semaphore (see fifo_sem.h).
 #include "fifo_sem.h"
 #include "clock.h"
 
@@ -19,17 +19,23 @@ namespace qosa::sync {
 namespace {
 
 constexpr std::uint32_t kFifoLive = 0x46494630u;
-constexpr std::uint32_t kWaiting = 0;  // queued, not asleep yet
-constexpr std::uint32_t kSleeping = 2; // queued, may be asleep in the kernel: a grant must wake it
-constexpr std::uint32_t kGranted = 1;  // a post handed it a unit
-constexpr std::uint32_t kLeaving = 3;  // timed out or interrupted: posts pass it by, it unlinks itself
-// The longest a waiter that found no unit watches for one before it sleeps.
-constexpr std::uint16_t kFifoSpinMaxNs = 10000;
-static_assert(kFifoSpinMaxNs <= UINT16_MAX / 2, "the learnt spin time moves within a 16-bit field");
+// A waiter's state. Only the waiter moves it from kWaiting to kYielding, on
+// to kSleeping and from there to kLeaving; only a claim moves it to kClaimed,
+// and only the grant that follows to kGranted.
+constexpr std::uint32_t kWaiting = 0;         // queued, awake (spinning, or not yet)
+constexpr std::uint32_t kGranted = 1;         // it has what it waited for: it returns
+constexpr std::uint32_t kSleeping = 2;        // queued, may be asleep in the kernel: a grant must wake it
+constexpr std::uint32_t kLeaving = 3;         // timed out or interrupted: claims pass it by, it unlinks itself
+constexpr std::uint32_t kClaimed = 4;         // off the list, being handed its due: it must not leave
+constexpr std::uint32_t kClaimedSleeping = 5; // claimed, and asleep until the grant: the grant must wake it
+constexpr std::uint32_t kYielding = 6;        // queued, done spinning, letting others run once before it sleeps
+static_assert(kSpinMaxNs <= UINT16_MAX / 2, "the learnt spin time moves within a 16-bit field");
 
 void cpu_relax() {
 #if defined(__x86_64__) || defined(__i386__)
     __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    asm volatile("yield");
 #endif
 }
 
@@ -46,28 +52,6 @@ int futex_wait(std::atomic<std::uint32_t>* a, std::uint32_t expected, const time
 
 void futex_wake_one(std::atomic<std::uint32_t>* a) {
     syscall(SYS_futex, word(a), FUTEX_WAKE | FUTEX_PRIVATE_FLAG, 1, nullptr, nullptr, 0);
-}
-
-// The guard lock: uncontended it is one compare-and-swap each way.
-void lock_slow(FifoSem* s) {
-    for (int spin = 0; spin < 64; ++spin) {
-        std::uint32_t c = 0;
-        if (s->lock.load(std::memory_order_relaxed) == 0 &&
-            s->lock.compare_exchange_weak(c, 1, std::memory_order_acquire, std::memory_order_relaxed))
-            return;
-        cpu_relax();
-    }
-    while (s->lock.exchange(2, std::memory_order_acquire) != 0)
-        futex_wait(&s->lock, 2, nullptr);
-}
-
-void lock(FifoSem* s) {
-    std::uint32_t c = 0;
-    if (!s->lock.compare_exchange_strong(c, 1, std::memory_order_acquire, std::memory_order_relaxed)) lock_slow(s);
-}
-
-void unlock(FifoSem* s) {
-    if (s->lock.exchange(0, std::memory_order_release) == 2) futex_wake_one(&s->lock);
 }
 
 // Spinning threads of the whole process, and how many may spin at once: at
@@ -87,17 +71,17 @@ int max_spinners() {
 }
 
 // A queued waiter watches its node until the monotonic time until before it
-// sleeps: a post that comes within that time costs neither side a system
-// call, and neither CPU goes idle between the two. True when the unit came;
-// false at once when enough other threads are spinning already.
-bool spin_for_grant(const FifoWaiter* w, std::int64_t until) {
+// sleeps: a grant that comes within that time costs neither side a system
+// call, and neither CPU goes idle between the two. True when granted; false
+// at once when enough other threads are spinning already.
+bool spin_for_grant(const FifoWaiter& w, std::int64_t until) {
     if (g_spinners.fetch_add(1, std::memory_order_relaxed) >= max_spinners()) {
         g_spinners.fetch_sub(1, std::memory_order_relaxed);
         return false;
     }
     bool granted = false;
     for (unsigned i = 1;; ++i) {
-        if (w->state.load(std::memory_order_acquire) == kGranted) {
+        if (w.state.load(std::memory_order_acquire) == kGranted) {
             granted = true;
             break;
         }
@@ -108,151 +92,189 @@ bool spin_for_grant(const FifoWaiter* w, std::int64_t until) {
     return granted;
 }
 
-// Learns the spin time from a waiter that spun (lock held): a unit that
+// Learns the spin time from a waiter that spun (lock held): a claim that
 // came while it still spun, waited ns after it queued, moves the time
 // towards twice that; one that found it asleep (or none, on a time-out)
-// halves it, down to no spinning where units come only after long pauses or
-// the spinner keeps the poster from running.
-void learn(FifoSem* s, bool cameInTime, std::int64_t waited) {
-    std::int64_t spin = s->spinNs;
+// halves it, down to no spinning where grants come only after long pauses or
+// the spinner keeps the granter from running.
+void learn(Spin& spin, bool cameInTime, std::int64_t waited) {
+    std::int64_t ns = spin.ns;
     if (cameInTime)
-        spin += (std::min<std::int64_t>(2 * waited + 500, kFifoSpinMaxNs) - spin) / 4;
+        ns += (std::min<std::int64_t>(2 * waited + 500, kSpinMaxNs) - ns) / 4;
     else
-        spin /= 2;
-    s->spinNs = static_cast<std::uint16_t>(spin);
+        ns /= 2;
+    spin.ns = static_cast<std::uint16_t>(ns);
 }
 
-// How long the longest waiter spins (lock held). Every 16th wait spins in
-// full whatever was learnt: where both sides of a hand-off had stopped
-// spinning, a full spin finds out whether units would come quickly to a
-// thread that stays awake.
-std::int64_t spin_time(FifoSem* s) { return ++s->waits % 16 == 0 ? kFifoSpinMaxNs : s->spinNs; }
+// Sleeps until a claimed waiter is granted (no time limit: the claim's
+// holder grants it promptly).
+void await_grant(FifoWaiter& w) {
+    for (;;) {
+        std::uint32_t st = w.state.load(std::memory_order_acquire);
+        if (st == kGranted) return;
+        if (st == kClaimed && !w.state.compare_exchange_strong(st, kClaimedSleeping, std::memory_order_acquire))
+            continue;
+        futex_wait(&w.state, kClaimedSleeping, nullptr);
+    }
+}
 
 } // namespace
 
-bool fifo_init(FifoSem* s, std::uint32_t value) {
-    if (value > kFifoMaxCount) return false;
-    new (s) FifoSem{{0}, kFifoLive, value, kFifoSpinMaxNs, 0, {}};
-    return true;
-}
-
-SemStatus fifo_destroy(FifoSem* s) {
-    lock(s);
-    SemStatus st = SemStatus::ok;
-    if (s->magic != kFifoLive)
-        st = SemStatus::invalid;
-    else if (!s->waiters.empty())
-        st = SemStatus::busy;
-    else
-        s->magic = 0;
-    unlock(s);
-    return st;
-}
-
-SemStatus fifo_post(FifoSem* s) {
-    lock(s);
-    if (s->magic != kFifoLive) {
-        unlock(s);
-        return SemStatus::invalid;
+void FutexLock::lock_slow() {
+    for (int spin = 0; spin < 64; ++spin) {
+        std::uint32_t c = 0;
+        if (word.load(std::memory_order_relaxed) == 0 &&
+            word.compare_exchange_weak(c, 1, std::memory_order_acquire, std::memory_order_relaxed))
+            return;
+        cpu_relax();
     }
-    // The unit goes to the longest waiter that is not leaving. Its node is
-    // unlinked and read before the grant: once granted, the waiter may return
-    // and its node is gone. A leaving waiter met on the way is unlinked too
-    // (it unlinks itself only while still linked).
-    for (FifoWaiter& w : s->waiters) {
-        std::int64_t spun = w.spinNs;
-        std::int64_t queuedAt = w.queuedAt;
-        s->waiters.remove(&w);
+    while (word.exchange(2, std::memory_order_acquire) != 0)
+        futex_wait(&word, 2, nullptr);
+}
+
+// A wake-up on the address of a lock (or node) that is gone already is at
+// worst a spurious one, which every futex waiter tolerates.
+void FutexLock::wake() { futex_wake_one(&word); }
+
+void enqueue(WaitList& list, Spin& spin, FifoWaiter& w, std::int64_t timeoutNs) {
+    w.state.store(kWaiting, std::memory_order_relaxed);
+    w.queuedAt = clock::now_ns();
+    w.spinNs = 0;
+    list.push_back(&w);
+    // Only the longest waiter spins: the next grant is its own. Every 16th
+    // spins in full whatever was learnt: where both sides of a hand-off had
+    // stopped spinning, a full spin finds out whether grants would come
+    // quickly to a thread that stays awake.
+    if (list.front() == &w) {
+        std::int64_t ns = ++spin.waits % 16 == 0 ? kSpinMaxNs : spin.ns;
+        w.spinNs = std::min(ns, timeoutNs > 0 ? timeoutNs : std::int64_t{kSpinMaxNs});
+    }
+}
+
+Claim claim(WaitList& list, Spin& spin) {
+    for (FifoWaiter& w : list) {
         std::uint32_t was = w.state.load(std::memory_order_acquire);
         while (was != kLeaving &&
-               !w.state.compare_exchange_weak(was, kGranted, std::memory_order_acq_rel, std::memory_order_acquire)) {
+               !w.state.compare_exchange_weak(was, kClaimed, std::memory_order_acq_rel, std::memory_order_acquire)) {
         }
+        // A leaving waiter stays linked (its owner cannot be destroyed) until
+        // it has unlinked itself.
         if (was == kLeaving) continue;
-        if (spun > 0) learn(s, was == kWaiting, clock::now_ns() - queuedAt);
-        unlock(s);
-        // A wake-up on the address of a node that is gone already is at
-        // worst a spurious one, which every futex waiter tolerates.
-        if (was == kSleeping) futex_wake_one(&w.state);
-        return SemStatus::ok;
+        list.remove(&w);
+        if (w.spinNs > 0) learn(spin, was == kWaiting, clock::now_ns() - w.queuedAt);
+        return Claim{&w, was == kSleeping};
     }
-    SemStatus st = SemStatus::overflow;
-    if (s->count < kFifoMaxCount) {
-        ++s->count;
-        st = SemStatus::ok;
-    }
-    unlock(s);
-    return st;
+    return Claim{};
 }
 
-SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs, bool interruptible) {
-    lock(s);
-    if (s->magic != kFifoLive) {
-        unlock(s);
-        return SemStatus::invalid;
-    }
-    if (s->count > 0) {
-        --s->count;
-        unlock(s);
-        return SemStatus::ok;
-    }
-    if (timeoutNs == 0) {
-        unlock(s);
-        return SemStatus::would_block;
-    }
-    FifoWaiter self{{}, {kWaiting}, clock::now_ns(), 0};
-    s->waiters.push_back(&self);
-    // Only the longest waiter spins: the next unit is its own.
-    if (s->waiters.front() == &self) self.spinNs = std::min(spin_time(s), timeoutNs > 0 ? timeoutNs : kFifoSpinMaxNs);
-    unlock(s);
+void grant(const Claim& c) {
+    std::uint32_t was = c.waiter->state.exchange(kGranted, std::memory_order_acq_rel);
+    if (c.sleeping || was == kClaimedSleeping) futex_wake_one(&c.waiter->state);
+}
 
-    // Once granted, the waiter touches the semaphore no more: the thread that
-    // posted may destroy it as soon as nobody is queued.
-    if (self.spinNs > 0 && spin_for_grant(&self, self.queuedAt + self.spinNs)) return SemStatus::ok;
+SemStatus await(FutexLock& lock, WaitList& list, Spin& spin, FifoWaiter& w, std::int64_t timeoutNs,
+                bool interruptible) {
+    // Once granted, the waiter touches its owner no more.
+    if (w.spinNs > 0 && spin_for_grant(w, w.queuedAt + w.spinNs)) return SemStatus::ok;
     // A time-out too long to add to the clock is no limit.
     bool forever = false;
     timespec deadline{};
-    if (timeoutNs > 0) deadline = clock::after(clock::to_timespec(self.queuedAt), timeoutNs, &forever);
+    if (timeoutNs > 0) deadline = clock::after(clock::to_timespec(w.queuedAt), timeoutNs, &forever);
     if (forever) timeoutNs = -1;
     bool interrupted = false;
     for (;;) {
-        std::uint32_t st = self.state.load(std::memory_order_acquire);
+        std::uint32_t st = w.state.load(std::memory_order_acquire);
         if (st == kGranted) return SemStatus::ok;
-        if (st == kWaiting &&
-            !self.state.compare_exchange_strong(st, kSleeping, std::memory_order_acquire, std::memory_order_acquire))
-            continue; // granted meanwhile
-        int r = futex_wait(&self.state, kSleeping, timeoutNs > 0 ? &deadline : nullptr);
+        if (st == kClaimed || st == kClaimedSleeping) {
+            await_grant(w);
+            return SemStatus::ok;
+        }
+        // Before it sleeps, the waiter lets the threads waiting for this
+        // processor run once: where the thread that will grant it shares the
+        // processor, the grant usually comes then, and neither side makes a
+        // system call for the sleep and the wake-up.
+        if (st == kWaiting) {
+            if (w.state.compare_exchange_strong(st, kYielding, std::memory_order_acquire)) sched_yield();
+            continue;
+        }
+        if (st == kYielding && !w.state.compare_exchange_strong(st, kSleeping, std::memory_order_acquire))
+            continue; // claimed meanwhile
+        int r = futex_wait(&w.state, kSleeping, timeoutNs > 0 ? &deadline : nullptr);
         if (r == ETIMEDOUT || (r == EINTR && interruptible)) {
             interrupted = r == EINTR;
             break;
         }
     }
-    // The deadline passed (or a signal came). Unless a post reached this
-    // waiter first (then it has its unit and is done with the semaphore), it
-    // leaves: posts pass it by, and it stays linked (the semaphore cannot be
-    // destroyed) until it has unlinked itself.
+    // The deadline passed (or a signal came). Unless a claim reached this
+    // waiter first (then it gets its due), it leaves: claims pass it by, and
+    // it stays linked until it has unlinked itself.
     std::uint32_t st = kSleeping;
-    if (!self.state.compare_exchange_strong(st, kLeaving, std::memory_order_acq_rel, std::memory_order_acquire))
+    if (!w.state.compare_exchange_strong(st, kLeaving, std::memory_order_acq_rel, std::memory_order_acquire)) {
+        await_grant(w);
         return SemStatus::ok;
-    lock(s);
-    if (self.link.linked()) s->waiters.remove(&self);
-    if (self.spinNs > 0 && !interrupted) learn(s, false, 0);
-    unlock(s);
+    }
+    FutexGuard hold(lock);
+    if (w.link.linked()) list.remove(&w);
+    if (w.spinNs > 0 && !interrupted) learn(spin, false, 0);
     return interrupted ? SemStatus::interrupted : SemStatus::timed_out;
 }
 
+// ---- the semaphore ----------------------------------------------------------
+
+bool fifo_init(FifoSem* s, std::uint32_t value) {
+    if (value > kFifoMaxCount) return false;
+    new (s) FifoSem{{{0}}, kFifoLive, value, Spin{kSpinMaxNs, 0}, {}};
+    return true;
+}
+
+SemStatus fifo_destroy(FifoSem* s) {
+    FutexGuard hold(s->lock);
+    if (s->magic != kFifoLive) return SemStatus::invalid;
+    if (!s->waiters.empty()) return SemStatus::busy;
+    s->magic = 0;
+    return SemStatus::ok;
+}
+
+SemStatus fifo_post(FifoSem* s) {
+    FutexGuard hold(s->lock);
+    if (s->magic != kFifoLive) return SemStatus::invalid;
+    // The unit goes to the longest waiter that is not leaving.
+    Claim c = claim(s->waiters, s->spin);
+    if (c.waiter != nullptr) {
+        hold.unlock();
+        grant(c);
+        return SemStatus::ok;
+    }
+    if (s->count >= kFifoMaxCount) return SemStatus::overflow;
+    ++s->count;
+    return SemStatus::ok;
+}
+
+SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs, bool interruptible) {
+    FifoWaiter self;
+    {
+        FutexGuard hold(s->lock);
+        if (s->magic != kFifoLive) return SemStatus::invalid;
+        if (s->count > 0) {
+            --s->count;
+            return SemStatus::ok;
+        }
+        if (timeoutNs == 0) return SemStatus::would_block;
+        enqueue(s->waiters, s->spin, self, timeoutNs);
+    }
+    return await(s->lock, s->waiters, s->spin, self, timeoutNs, interruptible);
+}
+
 std::uint32_t fifo_count(FifoSem* s) {
-    lock(s);
-    std::uint32_t n = s->count;
-    unlock(s);
-    return n;
+    FutexGuard hold(s->lock);
+    return s->count;
 }
 
 std::uint32_t fifo_waiters(FifoSem* s) {
-    lock(s);
+    FutexGuard hold(s->lock);
     std::uint32_t n = 0;
     for ([[maybe_unused]] FifoWaiter& w : s->waiters)
         ++n;
-    unlock(s);
     return n;
 }
 

@@ -1,17 +1,19 @@
-// The counting semaphore behind the library's unnamed semaphores: waiters are
-// released strictly in the order in which they began to wait.
+// First-in first-out waiting: the counting semaphore behind the library's
+// unnamed semaphores, and the wait lists it is made of, which the message
+// queues use as well.
 //
-// A small futex lock guards the count and an intrusive list of waiters; each
-// waiter's node lives on its own stack. A post while someone waits takes the
-// oldest waiter off the list and hands the unit to it directly (the count
-// stays 0), so a later arrival can never overtake it; only a waiter that went
-// to sleep costs a wake-up call. A timed-out (or interrupted) waiter marks
-// itself leaving, so that posts pass it by, and takes itself off the list
-// under the lock, unless a post reached it first (then the wait succeeded).
-// A waiter that has its unit never touches the semaphore again: the poster
-// may destroy it as soon as nobody is queued.
-// Before it sleeps, a waiter spins on its node for a while that each
-// semaphore learns from how long its units took to come (see fifo_wait).
+// A wait list is an intrusive list of waiters, guarded by its owner's futex
+// lock; each waiter's node lives on its own stack. Whoever has something for
+// a waiter (a unit, a message, a place) claims the oldest waiter that is not
+// leaving under the lock, hands it what it waits for, then grants it; so a
+// later arrival can never overtake it, and only a waiter that went to sleep
+// costs a wake-up call. A claimed waiter cannot leave; a granted one never
+// touches its owner again, so the owner may be destroyed as soon as nobody is
+// queued. A timed-out (or interrupted) waiter marks itself leaving, so that
+// claims pass it by, and takes itself off the list under the lock, unless a
+// claim reached it first (then the wait succeeded).
+// Before it sleeps, the longest waiter spins on its node for a while that
+// each list learns from how long its grants took to come (see fifo_sem.cpp).
 // Waits are timed on CLOCK_MONOTONIC and go on after a signal handler ran.
 #pragma once
 
@@ -21,6 +23,41 @@
 #include "ilist.h"
 
 namespace qosa::sync {
+
+// A small lock that cannot fail: uncontended it is one compare-and-swap each
+// way; contended it spins briefly, then sleeps on the word.
+struct FutexLock {
+    std::atomic<std::uint32_t> word; // 0 free, 1 held, 2 held and contended
+
+    void lock() {
+        std::uint32_t c = 0;
+        if (!word.compare_exchange_strong(c, 1, std::memory_order_acquire, std::memory_order_relaxed)) lock_slow();
+    }
+    void unlock() {
+        if (word.exchange(0, std::memory_order_release) == 2) wake();
+    }
+
+  private:
+    void lock_slow();
+    void wake();
+};
+
+// Holds a FutexLock for a scope.
+class FutexGuard {
+  public:
+    explicit FutexGuard(FutexLock& l) : l_(&l) { l.lock(); }
+    ~FutexGuard() { unlock(); }
+    // Releases the lock before the end of the scope.
+    void unlock() {
+        if (l_ != nullptr) l_->unlock();
+        l_ = nullptr;
+    }
+    FutexGuard(const FutexGuard&) = delete;
+    FutexGuard& operator=(const FutexGuard&) = delete;
+
+  private:
+    FutexLock* l_;
+};
 
 enum class SemStatus {
     ok,
@@ -32,22 +69,50 @@ enum class SemStatus {
     overflow,    // the count would pass its maximum
 };
 
-// A waiting thread, on its own stack while it waits.
+// A waiting thread, on its own stack while it waits. Owners that hand their
+// waiters something derive their waiter type from it.
 struct FifoWaiter {
     ilist::Link link;
-    std::atomic<std::uint32_t> state; // see fifo_sem.cpp
-    std::int64_t queuedAt;            // monotonic ns when it joined the list
-    std::int64_t spinNs;              // how long it spins before it sleeps (0: it does not)
+    std::atomic<std::uint32_t> state{0}; // see fifo_sem.cpp
+    std::int64_t queuedAt = 0;           // monotonic ns when it joined the list
+    std::int64_t spinNs = 0;             // how long it spins before it sleeps (0: it does not)
 };
 
-// Set up by fifo_init in place; must not move while in use.
+using WaitList = ilist::List<FifoWaiter, &FifoWaiter::link>;
+
+// What a wait list learnt about spinning.
+struct Spin {
+    std::uint16_t ns;    // how long the longest waiter spins before it sleeps
+    std::uint16_t waits; // waiters that queued first (wraps): every 16th spins in full
+};
+inline constexpr std::uint16_t kSpinMaxNs = 10000;
+
+// A waiter taken off its list by a claim; grant it once it has been handed
+// what it waited for.
+struct Claim {
+    FifoWaiter* waiter = nullptr;
+    bool sleeping = false; // it may be asleep in the kernel
+};
+
+// All with the owner's lock held: queues w at the back (timeoutNs as for
+// await); claims the oldest waiter that is not leaving (none: waiter NULL).
+void enqueue(WaitList& list, Spin& spin, FifoWaiter& w, std::int64_t timeoutNs);
+Claim claim(WaitList& list, Spin& spin);
+// With or without the lock: lets a claimed waiter return.
+void grant(const Claim& c);
+// Without the lock, after enqueue: waits until w is granted (ok) or, after
+// timeoutNs (< 0: no limit), leaves (timed_out). A signal handler that runs
+// meanwhile ends the wait (interrupted) only when interruptible.
+SemStatus await(FutexLock& lock, WaitList& list, Spin& spin, FifoWaiter& w, std::int64_t timeoutNs,
+                bool interruptible = false);
+
+// The semaphore. Set up by fifo_init in place; must not move while in use.
 struct FifoSem {
-    std::atomic<std::uint32_t> lock; // 0 free, 1 held, 2 held and contended
-    std::uint32_t magic;             // kFifoLive while initialised
-    std::uint32_t count;             // free units; non-zero only while none but leaving waiters are queued
-    std::uint16_t spinNs;            // how long the longest waiter spins before it sleeps (learnt)
-    std::uint16_t waits;             // waiters that queued first (wraps): every 16th spins in full
-    ilist::List<FifoWaiter, &FifoWaiter::link> waiters; // the longest waiter first
+    FutexLock lock;
+    std::uint32_t magic; // kFifoLive while initialised
+    std::uint32_t count; // free units; non-zero only while none but leaving waiters are queued
+    Spin spin;
+    WaitList waiters; // the longest waiter first
 };
 
 inline constexpr std::uint32_t kFifoMaxCount = 0x7FFFFFFFu; // SEM_VALUE_MAX
@@ -57,8 +122,6 @@ bool fifo_init(FifoSem* s, std::uint32_t value);
 SemStatus fifo_destroy(FifoSem* s);
 SemStatus fifo_post(FifoSem* s);
 // timeoutNs < 0: no limit; 0: only tries (would_block); else at most that long.
-// A signal handler that runs meanwhile ends the wait (interrupted) only when
-// interruptible; otherwise the wait goes on.
 SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs, bool interruptible = false);
 
 // Snapshots for checks: the free units and the waiters queued.

@@ -6,13 +6,10 @@
 namespace qosa::queue {
 
 struct QueueCounts {
-    std::uint32_t messages;      // messages held
-    std::uint32_t readUnits;     // free units of the readers' semaphore
-    std::uint32_t writeUnits;    // free units of the writers' semaphore
-    std::uint32_t writeWaiting;  // writers registered as waiting for a place
-    std::uint32_t placesHeld;    // free places promised to woken writers
-    std::uint32_t readSleepers;  // threads queued on the readers' semaphore
-    std::uint32_t writeSleepers; // threads queued on the writers' semaphore
+    std::uint32_t messages;     // messages held
+    std::uint32_t readWaiters;  // readers queued for a message (leaving ones included)
+    std::uint32_t writeWaiters; // writers queued for a place (leaving ones included)
+    std::uint32_t spareNodes;   // nodes kept for later writes
 };
 
 // False when no queue has this id.
