@@ -372,7 +372,7 @@ u32 ORV_QueueCreate(const char* name, u32 maxMsgNum, u32* queId, u32 mode, u32 m
     if (nameLen > ORV_QUEUE_NAME_MAX) nameLen = ORV_QUEUE_NAME_MAX; // the field stays terminated
     if (nameLen > 0 && memcpy_s(q->szName, sizeof(q->szName), name, nameLen) != 0) std::puts("memcpy_s is fail");
     q->ulMode = mode;
-    q->readSpin = q->writeSpin = Spin{kSpinMaxNs, 0};
+    q->readSpin = q->writeSpin = Spin{kSpinMaxNs};
     q->ulSlots = maxMsgNum < kSpareSlots ? maxMsgNum : kSpareSlots;
 
     // Numbers are never reused: once the last one is handed out, creation fails.

@@ -92,14 +92,15 @@ bool spin_for_grant(const FifoWaiter& w, std::int64_t until) {
     return granted;
 }
 
-// Learns the spin time from a waiter that spun (lock held): a claim that
-// came while it still spun, waited ns after it queued, moves the time
-// towards twice that; one that found it asleep (or none, on a time-out)
-// halves it, down to no spinning where grants come only after long pauses or
-// the spinner keeps the granter from running.
-void learn(Spin& spin, bool cameInTime, std::int64_t waited) {
+// Learns the spin time from the longest waiter (lock held), granted ns
+// after it queued. A grant that found it still spinning, or that came soon
+// from another processor (spinning would have caught it), moves the time
+// towards twice that; one that came late or from the waiter's own processor
+// (its spin only kept the granter from running), or a time-out, halves it,
+// down to no spinning.
+void learn(Spin& spin, bool caught, std::int64_t waited) {
     std::int64_t ns = spin.ns;
-    if (cameInTime)
+    if (caught)
         ns += (std::min<std::int64_t>(2 * waited + 500, kSpinMaxNs) - ns) / 4;
     else
         ns /= 2;
@@ -138,17 +139,13 @@ void FutexLock::wake() { futex_wake_one(&word); }
 
 void enqueue(WaitList& list, Spin& spin, FifoWaiter& w, std::int64_t timeoutNs) {
     w.state.store(kWaiting, std::memory_order_relaxed);
+    w.cpu = sched_getcpu();
     w.queuedAt = clock::now_ns();
-    w.spinNs = 0;
+    w.spinNs = -1;
     list.push_back(&w);
-    // Only the longest waiter spins: the next grant is its own. Every 16th
-    // spins in full whatever was learnt: where both sides of a hand-off had
-    // stopped spinning, a full spin finds out whether grants would come
-    // quickly to a thread that stays awake.
-    if (list.front() == &w) {
-        std::int64_t ns = ++spin.waits % 16 == 0 ? kSpinMaxNs : spin.ns;
-        w.spinNs = std::min(ns, timeoutNs > 0 ? timeoutNs : std::int64_t{kSpinMaxNs});
-    }
+    // Only the longest waiter spins (and teaches the list): the next grant is
+    // its own.
+    if (list.front() == &w) w.spinNs = std::min<std::int64_t>(spin.ns, timeoutNs > 0 ? timeoutNs : kSpinMaxNs);
 }
 
 Claim claim(WaitList& list, Spin& spin) {
@@ -161,7 +158,10 @@ Claim claim(WaitList& list, Spin& spin) {
         // it has unlinked itself.
         if (was == kLeaving) continue;
         list.remove(&w);
-        if (w.spinNs > 0) learn(spin, was == kWaiting, clock::now_ns() - w.queuedAt);
+        if (w.spinNs >= 0) {
+            std::int64_t waited = clock::now_ns() - w.queuedAt;
+            learn(spin, was == kWaiting || (waited < kSpinMaxNs && sched_getcpu() != w.cpu), waited);
+        }
         return Claim{&w, was == kSleeping};
     }
     return Claim{};
@@ -215,7 +215,7 @@ SemStatus await(FutexLock& lock, WaitList& list, Spin& spin, FifoWaiter& w, std:
     }
     FutexGuard hold(lock);
     if (w.link.linked()) list.remove(&w);
-    if (w.spinNs > 0 && !interrupted) learn(spin, false, 0);
+    if (w.spinNs >= 0 && !interrupted) learn(spin, false, 0);
     return interrupted ? SemStatus::interrupted : SemStatus::timed_out;
 }
 
@@ -223,7 +223,7 @@ SemStatus await(FutexLock& lock, WaitList& list, Spin& spin, FifoWaiter& w, std:
 
 bool fifo_init(FifoSem* s, std::uint32_t value) {
     if (value > kFifoMaxCount) return false;
-    new (s) FifoSem{{{0}}, kFifoLive, value, Spin{kSpinMaxNs, 0}, {}};
+    new (s) FifoSem{{{0}}, kFifoLive, value, Spin{kSpinMaxNs}, {}};
     return true;
 }
 

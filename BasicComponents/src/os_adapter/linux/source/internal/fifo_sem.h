@@ -13,7 +13,8 @@
 // claims pass it by, and takes itself off the list under the lock, unless a
 // claim reached it first (then the wait succeeded).
 // Before it sleeps, the longest waiter spins on its node for a while that
-// each list learns from how long its grants took to come (see fifo_sem.cpp).
+// each list learns from how long its grants took to come, then yields the
+// processor once (see fifo_sem.cpp).
 // Waits are timed on CLOCK_MONOTONIC and go on after a signal handler ran.
 #pragma once
 
@@ -74,16 +75,16 @@ enum class SemStatus {
 struct FifoWaiter {
     ilist::Link link;
     std::atomic<std::uint32_t> state{0}; // see fifo_sem.cpp
+    int cpu = -1;                        // the processor it queued on
     std::int64_t queuedAt = 0;           // monotonic ns when it joined the list
-    std::int64_t spinNs = 0;             // how long it spins before it sleeps (0: it does not)
+    std::int64_t spinNs = -1;            // how long it spins before it sleeps; -1: not the longest waiter
 };
 
 using WaitList = ilist::List<FifoWaiter, &FifoWaiter::link>;
 
 // What a wait list learnt about spinning.
 struct Spin {
-    std::uint16_t ns;    // how long the longest waiter spins before it sleeps
-    std::uint16_t waits; // waiters that queued first (wraps): every 16th spins in full
+    std::uint16_t ns; // how long the longest waiter spins before it sleeps
 };
 inline constexpr std::uint16_t kSpinMaxNs = 10000;
 
