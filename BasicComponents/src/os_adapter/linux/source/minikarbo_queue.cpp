@@ -10,9 +10,10 @@
 // - a read from a full queue that a writer waits for links the longest
 //   waiting writer's message (already in a node) into the place it freed.
 // A woken thread then only returns: it never looks at the queue again, so it
-// never runs into the lock; and the thread that served it is done with the
-// queue before the grant, so either may delete the queue once its call
-// returns. Waiters are served strictly in the order they came, and a reader or
+// never runs into the lock; the thread that served it is done with the queue
+// before the grant, and a delete waits for reads still copying out a message
+// whose place a writer may have used (finishing). So a thread may delete the
+// queue as soon as a call whose effect it saw has returned. Waiters are served strictly in the order they came, and a reader or
 // writer that arrives later queues behind them (a full queue has writers
 // waiting only while it stays full, an empty one readers only while it stays
 // empty). Reads and writes share the one wait of the wait lists; time-outs run
@@ -37,6 +38,8 @@
 // from several threads build the list once. A list mutex that cannot be
 // taken fails the call as if no queue had the id (create: 0x2005000C).
 #define QOSA_UNIT_NAME "minikarbo_queue.c"
+
+#include <sched.h>
 
 #include <atomic>
 #include <climits>
@@ -105,6 +108,10 @@ struct QueueRec {
     WaitList writers;                             // only while the queue is full
     u32 ulSlots;                                  // spare slots in use: at most kSpareSlots and the capacity
     std::atomic<MsgNode*> apstSpare[kSpareSlots]; // inline nodes kept for the next writes (no lock)
+    // Reads that took a message and still copy it out or keep its node: what
+    // they did is seen already (a writer may have used the place, and its
+    // thread may delete the queue), so a delete waits for them.
+    std::atomic<u32> finishing;
 };
 
 static_assert(offsetof(QueueRec, link) == 0);
@@ -304,7 +311,7 @@ void teardown(QueueRec* q) {
     while (MsgNode* node = q->msgs.pop_front())
         free_node(node);
     for (u32 i = 0; i < q->ulSlots; ++i)
-        if (MsgNode* node = q->apstSpare[i].exchange(nullptr, std::memory_order_relaxed)) free_node(node);
+        if (MsgNode* node = q->apstSpare[i].exchange(nullptr, std::memory_order_acquire)) free_node(node);
     give_back(q, QOSA_HERE);
 }
 
@@ -401,9 +408,11 @@ u32 ORV_QueueDelete(u32 queId) {
         Bucket::remove(q);
         --list->ulCount;
         s_ulListVersion.fetch_add(1, std::memory_order_acq_rel);
-        // A thread that served the thread deleting the queue may still be
-        // releasing the lock: it is released before the queue goes.
+        // A thread whose call is seen done may still be finishing it: the
+        // lock is released and the reads are finished before the queue goes.
         { FutexGuard last(q->lock); }
+        while (q->finishing.load(std::memory_order_acquire) != 0)
+            sched_yield();
         teardown(q);
         r = 0;
     }
@@ -477,16 +486,19 @@ u32 ORV_QueueRead(u32 queId, u32 timeoutMs, void* buf, u32 bufLen) {
     MsgNode* node = nullptr;
     {
         FutexGuard hold(q->lock);
-        if (msg_num(q) > 0)
+        if (msg_num(q) > 0) {
             node = KARBO_ADAPT_ReadMsg(q, &writer);
-        else
+            q->finishing.fetch_add(1, std::memory_order_relaxed);
+        } else {
             enqueue(q->readers, q->readSpin, self, timeout_ns(timeoutMs));
+        }
     }
     if (node != nullptr) {
         // Copied out after the lock is released; the queue is done with
         // before the writer whose message took the place is granted.
         u32 n = copy_to(buf, bufLen, node->pData, node->ulLen);
         release_node(q, node);
+        q->finishing.fetch_sub(1, std::memory_order_release);
         if (writer.waiter != nullptr) grant(writer);
         return n;
     }
