@@ -341,7 +341,7 @@ bool list_exists() { return g_pstQueList.load(std::memory_order_acquire) != null
 std::uint32_t exchange_last_id(std::uint32_t id) {
     MutexGuard hold(&g_hQueListMutex);
     u32 was = s_ulQueId;
-    s_ulQueId = id;
+    if (hold.locked()) s_ulQueId = id;
     return was;
 }
 
