@@ -1,4 +1,5 @@
-// Message queues and the FIFO semaphore against their platform peers.
+// Message queues and the FIFO semaphore against their platform peers, and
+// the queues at scale.
 //
 // Throughput: a round moves n messages from the producers to the consumers
 // (threads started per round) through one queue of capacity 10, against a
@@ -12,6 +13,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <deque>
 #include <memory>
 #include <string>
 #include <thread>
@@ -181,6 +183,57 @@ void ping_pong(u64 n, std::vector<double>& samples) {
     echo.join();
 }
 
+// ---- at scale ----
+
+// Live queues, oldest first.
+struct Population {
+    std::deque<u32> ids;
+    void fill(std::size_t count) {
+        while (ids.size() < count) {
+            u32 id = 0;
+            if (ORV_QueueCreate("scale", kCapacity, &id, 0, 16) != 0) throw bench::Skip("no queue");
+            ids.push_back(id);
+        }
+    }
+    void clear() {
+        for (; !ids.empty(); ids.pop_back())
+            ORV_QueueDelete(ids.back());
+    }
+};
+
+// A side that works on a population of `count` live queues, made before and
+// removed after each of its rounds.
+bench::Side at_scale(std::size_t count, const std::shared_ptr<Population>& pop, void (*work)(Population&, u64)) {
+    char what[64];
+    std::snprintf(what, sizeof what, "oldest of %zu queues", count);
+    bench::Side s = bench::timed(what, [pop, work](u64 n) { work(*pop, n); });
+    s.enter = [pop, count] { pop->fill(count); };
+    s.leave = [pop] { pop->clear(); };
+    return s;
+}
+
+// A write and a read on each of the two oldest queues, interleaved so that
+// every call looks its queue up afresh (a thread remembers the queue it used
+// last).
+void write_read_oldest(Population& pop, u64 n) {
+    const u32 a = pop.ids[0], b = pop.ids[1];
+    char msg[16] = "scale", buf[16];
+    for (u64 i = 0; i < n; ++i)
+        if (ORV_QueueWrite(a, msg, sizeof msg, 0) != 0 || ORV_QueueWrite(b, msg, sizeof msg, 0) != 0 ||
+            ORV_QueueRead(a, 0, buf, sizeof buf) != sizeof buf || ORV_QueueRead(b, 0, buf, sizeof buf) != sizeof buf)
+            throw bench::Skip("write or read failed");
+}
+
+void delete_oldest_create(Population& pop, u64 n) {
+    for (u64 i = 0; i < n; ++i) {
+        if (ORV_QueueDelete(pop.ids.front()) != 0) throw bench::Skip("delete failed");
+        pop.ids.pop_front();
+        u32 id = 0;
+        if (ORV_QueueCreate("scale", kCapacity, &id, 0, 16) != 0) throw bench::Skip("no queue");
+        pop.ids.push_back(id);
+    }
+}
+
 const bench::Registrar reg([] {
     for (auto [p, c] : {std::pair{1, 1}, {2, 2}, {4, 4}})
         for (std::size_t size : {16u, 256u, 4096u})
@@ -208,6 +261,12 @@ const bench::Registrar reg([] {
                 sem_wait(&s.s);
             }
         });
+
+    auto pop = std::make_shared<Population>();
+    bench::add({"scale.queue.lookup+write+read-oldest.10000/10", at_scale(10000, pop, write_read_oldest),
+                at_scale(10, pop, write_read_oldest)});
+    bench::add({"scale.queue.delete-oldest+create.10000/10", at_scale(10000, pop, delete_oldest_create),
+                at_scale(10, pop, delete_oldest_create)});
 });
 
 } // namespace

@@ -1,8 +1,10 @@
 // The /proc statistics against what a user would do instead: ps for the
 // memory figures of every process, and reading each thread's stat file in
-// /proc/self/task for the thread census.
+// /proc/self/task for the thread census (of this process as it is, and with
+// 1,000 threads).
 #include <dirent.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -102,6 +104,41 @@ std::size_t census_direct(u64 n) {
     return out.size();
 }
 
+// 999 threads parked on a pipe beside the main one; closing the pipe ends them.
+struct Crowd {
+    int fd[2] = {-1, -1};
+    std::vector<pthread_t> threads;
+    void start(int count) {
+        if (pipe(fd) != 0) throw bench::Skip("pipe failed");
+        pthread_attr_t attr;
+        pthread_attr_init(&attr);
+        pthread_attr_setstacksize(&attr, 64 * 1024);
+        for (int i = 0; i < count; ++i) {
+            pthread_t t;
+            if (pthread_create(
+                    &t, &attr,
+                    [](void* p) -> void* {
+                        char c;
+                        keep(read(*static_cast<int*>(p), &c, 1));
+                        return nullptr;
+                    },
+                    &fd[0]) != 0)
+                break;
+            threads.push_back(t);
+        }
+        pthread_attr_destroy(&attr);
+        if (threads.size() != static_cast<std::size_t>(count)) throw bench::Skip("could not start the threads");
+    }
+    void stop() {
+        if (fd[1] >= 0) close(fd[1]);
+        for (pthread_t t : threads)
+            pthread_join(t, nullptr);
+        threads.clear();
+        if (fd[0] >= 0) close(fd[0]);
+        fd[0] = fd[1] = -1;
+    }
+} s_crowd;
+
 const bench::Registrar reg([] {
     bench::pair(
         "stat.memory-scan", "QOSA_OS_GetMEMAllocRate",
@@ -122,6 +159,17 @@ const bench::Registrar reg([] {
     bench::pair(
         "stat.thread-census", "QOSA_OS_GetProcThread", [](u64 n) { census_qosa(n); }, "read task/<tid>/stat",
         [](u64 n) { census_direct(n); });
+    bench::Case crowd{"stat.thread-census.1000threads",
+                      bench::timed("QOSA_OS_GetProcThread",
+                                   [](u64 n) {
+                                       if (census_qosa(n) < 1000) throw bench::Skip("threads missing");
+                                   }),
+                      bench::timed("read task/<tid>/stat", [](u64 n) {
+                          if (census_direct(n) < 1000) throw bench::Skip("threads missing");
+                      })};
+    crowd.setup = [] { s_crowd.start(999); };
+    crowd.teardown = [] { s_crowd.stop(); };
+    bench::add(crowd);
 });
 
 } // namespace
