@@ -180,7 +180,8 @@ const bench::Registrar reg([] {
     }
     for (int threads : {1, 2, 4})
         bench::pair(
-            "mem.alloc+free.tracked.256B." + std::to_string(threads) + "threads", "MemAllocMem+MemFreeMem",
+            "mem.alloc+free.tracked.256B." + std::to_string(threads) + (threads == 1 ? "thread" : "threads"),
+            "MemAllocMem+MemFreeMem",
             [threads](u64 n) {
                 tracker_ready();
                 on_threads(threads, n, [](u64 k) {
