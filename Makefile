@@ -37,10 +37,12 @@ check-tsan: | deps
 	cmake --build build-tsan -j $(JOBS)
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 $(NOASLR) $(CTEST)
 
+# Library vs the plain platform call, alternating rounds; BENCH_ARGS='--filter=queue --rounds=9'.
 bench: | deps
-	cmake -S . -B build-bench $(GEN) -DCMAKE_BUILD_TYPE=Release -DQOSA_BUILD_BENCH=ON -DQOSA_BUILD_TESTS=OFF
+	cmake -S . -B build-bench $(GEN) -DCMAKE_BUILD_TYPE=Release -DQOSA_BUILD_BENCH=ON -DQOSA_BUILD_TESTS=OFF \
+	      -DQOSA_BUILD_EXAMPLES=OFF
 	cmake --build build-bench --target qosa-bench -j $(JOBS)
-	./build-bench/bench/qosa-bench $(BENCH_ARGS)
+	./build-bench/bench/qosa-bench --markdown=build-bench/bench.md $(BENCH_ARGS)
 
 # libFuzzer (clang) on the UTF-8 decoders and checks, under ASan+UBSan.
 fuzz: | deps

@@ -2,7 +2,7 @@
 # Installs the Debian packages the build, tests and benchmarks need, only
 # those that are missing. Safe to run again; does nothing when all are there.
 set -euo pipefail
-packages=(cmake ninja-build g++ clang libclang-rt-14-dev llvm libgtest-dev libgmock-dev libbenchmark-dev
+packages=(cmake ninja-build g++ clang libclang-rt-14-dev llvm libgtest-dev libgmock-dev
           pkg-config binutils clang-format clang-tidy valgrind procps)
 missing=()
 for p in "${packages[@]}"; do
