@@ -1,5 +1,5 @@
 /** @file
- * libqosa: the whole interface (includes every family's header).
+ * The whole interface of libqosa: includes every family's header.
  *
  * @mainpage libqosa API reference
  *
