@@ -34,10 +34,15 @@ if ! readelf -S --wide "$lib" | grep -q '\.debug_info'; then
 fi
 
 # The ABI description of a library: exported interfaces only, types from the public headers.
+# The translation units keep their paths; made relative to the tree, the description is the
+# same from any checkout.
 describe() {
   abidw --headers-dir include --drop-private-types --exported-interfaces-only \
         --no-corpus-path --no-comp-dir-path --no-show-locs --type-id-style hash \
         --out-file "$2" "$1"
+  local text
+  text=$(<"$2")
+  printf '%s\n' "${text//"path='$PWD/"/"path='"}" >"$2"
 }
 
 case $mode in
