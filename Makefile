@@ -7,7 +7,7 @@ GEN     := -G Ninja
 # TSan needs the classic address-space layout; run its tests without ASLR.
 NOASLR  := setarch $(shell uname -m) -R
 
-.PHONY: all deps demo check check-asan check-tsan bench install lint fuzz clean
+.PHONY: all deps demo check check-asan check-tsan bench install lint fuzz docs abi-check abi-baseline clean
 
 all: check
 
@@ -51,6 +51,20 @@ fuzz: | deps
 	cmake --build build-fuzz --target fuzz_utf8 -j $(JOBS)
 	mkdir -p build-fuzz/corpus/utf8
 	./build-fuzz/fuzz/fuzz_utf8 -max_total_time=$(FUZZ_SECONDS) -max_len=4096 build-fuzz/corpus/utf8
+
+# The API reference from the public headers (Doxygen; a warning fails it): build/docs/html/index.html.
+docs: build/build.ninja | deps
+	cmake --build build --target docs
+
+# The ABI guard: the freshly built libqosa.so.1 against the baseline in abi/ (tools/abi.sh).
+abi-check: build/build.ninja | deps
+	cmake --build build --target qosa -j $(JOBS)
+	./tools/abi.sh check build/libqosa.so.1
+
+# After a deliberate ABI change: make the built library's ABI the new baseline (commit abi/).
+abi-baseline: build/build.ninja | deps
+	cmake --build build --target qosa -j $(JOBS)
+	./tools/abi.sh baseline build/libqosa.so.1
 
 install: build/build.ninja
 	cmake --build build -j $(JOBS)
