@@ -7,7 +7,7 @@ GEN     := -G Ninja
 # TSan needs the classic address-space layout; run its tests without ASLR.
 NOASLR  := setarch $(shell uname -m) -R
 
-.PHONY: all deps demo check check-asan check-tsan bench install lint fuzz clean
+.PHONY: all deps demo check check-asan check-tsan check-arm64 package bench install lint fuzz clean
 
 all: check
 
@@ -37,6 +37,13 @@ check-tsan: | deps
 	cmake --build build-tsan -j $(JOBS)
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 $(NOASLR) $(CTEST)
 
+# The library and the tests cross-built for 64-bit ARM, run under qemu-user.
+check-arm64: | deps
+	cmake -S . -B build-arm64 $(GEN) -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake \
+	      -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQOSA_GTEST_SOURCE_DIR=/usr/src/googletest -DQOSA_BUILD_EXAMPLES=OFF
+	cmake --build build-arm64 -j $(JOBS)
+	cd build-arm64 && $(CTEST)
+
 bench: | deps
 	cmake -S . -B build-bench $(GEN) -DCMAKE_BUILD_TYPE=Release -DQOSA_BUILD_BENCH=ON -DQOSA_BUILD_TESTS=OFF
 	cmake --build build-bench --target qosa-bench -j $(JOBS)
@@ -50,6 +57,11 @@ fuzz: | deps
 	mkdir -p build-fuzz/corpus/utf8
 	./build-fuzz/fuzz/fuzz_utf8 -max_total_time=$(FUZZ_SECONDS) -max_len=4096 build-fuzz/corpus/utf8
 
+# Debian packages libqosa1 and libqosa-dev (build/*.deb) from the plain build.
+package: build/build.ninja
+	cmake --build build -j $(JOBS)
+	cd build && cpack -G DEB
+
 install: build/build.ninja
 	cmake --build build -j $(JOBS)
 	cmake --install build --prefix $(PREFIX)
@@ -59,4 +71,4 @@ lint: build/build.ninja
 	git ls-files 'BasicComponents/*.cpp' | xargs clang-tidy -p build --quiet
 
 clean:
-	rm -rf build build-asan build-tsan build-bench build-fuzz
+	rm -rf build build-asan build-tsan build-bench build-fuzz build-arm64
