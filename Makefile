@@ -39,8 +39,8 @@ check-tsan: | deps
 
 # The library and the tests cross-built for 64-bit ARM, run under qemu-user.
 check-arm64: | deps
-	cmake -S . -B build-arm64 $(GEN) -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake \
-	      -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQOSA_GTEST_SOURCE_DIR=/usr/src/googletest -DQOSA_BUILD_EXAMPLES=OFF
+	cmake -S . -B build-arm64 $(GEN) -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/aarch64-linux-gnu.cmake \
+	      -DCMAKE_BUILD_TYPE=Release -DQOSA_GTEST_SOURCE_DIR=/usr/src/googletest -DQOSA_BUILD_EXAMPLES=OFF
 	cmake --build build-arm64 -j $(JOBS)
 	cd build-arm64 && $(CTEST)
 
