@@ -7,12 +7,15 @@ GEN     := -G Ninja
 # TSan needs the classic address-space layout; run its tests without ASLR.
 NOASLR  := setarch $(shell uname -m) -R
 
-.PHONY: all deps demo check check-asan check-tsan check-arm64 package bench install lint fuzz clean
+.PHONY: all deps deps-arm64 demo check check-asan check-tsan check-arm64 package bench install lint fuzz clean
 
 all: check
 
 deps:
 	@./tools/install-deps.sh
+
+deps-arm64:
+	@./tools/install-deps.sh arm64
 
 build/build.ninja: | deps
 	cmake -S . -B build $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo
@@ -38,7 +41,7 @@ check-tsan: | deps
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 $(NOASLR) $(CTEST)
 
 # The library and the tests cross-built for 64-bit ARM, run under qemu-user.
-check-arm64: | deps
+check-arm64: | deps-arm64
 	cmake -S . -B build-arm64 $(GEN) -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/aarch64-linux-gnu.cmake \
 	      -DCMAKE_BUILD_TYPE=Release -DQOSA_GTEST_SOURCE_DIR=/usr/src/googletest -DQOSA_BUILD_EXAMPLES=OFF
 	cmake --build build-arm64 -j $(JOBS)
