@@ -7,12 +7,16 @@ GEN     := -G Ninja
 # TSan needs the classic address-space layout; run its tests without ASLR.
 NOASLR  := setarch $(shell uname -m) -R
 
-.PHONY: all deps demo check check-asan check-tsan bench install lint fuzz docs abi-check abi-baseline clean
+.PHONY: all deps deps-arm64 demo check check-asan check-tsan check-arm64 package bench install lint fuzz docs abi-check \
+        abi-baseline clean
 
 all: check
 
 deps:
 	@./tools/install-deps.sh
+
+deps-arm64:
+	@./tools/install-deps.sh arm64
 
 build/build.ninja: | deps
 	cmake -S . -B build $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo
@@ -36,6 +40,13 @@ check-tsan: | deps
 	      -DQOSA_SANITIZE=thread -DQOSA_BUILD_EXAMPLES=OFF
 	cmake --build build-tsan -j $(JOBS)
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 $(NOASLR) $(CTEST)
+
+# The library and the tests cross-built for 64-bit ARM, run under qemu-user.
+check-arm64: | deps-arm64
+	cmake -S . -B build-arm64 $(GEN) -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/aarch64-linux-gnu.cmake \
+	      -DCMAKE_BUILD_TYPE=Release -DQOSA_GTEST_SOURCE_DIR=/usr/src/googletest -DQOSA_BUILD_EXAMPLES=OFF
+	cmake --build build-arm64 -j $(JOBS)
+	cd build-arm64 && $(CTEST)
 
 # Library vs the plain platform call, alternating rounds; BENCH_ARGS='--filter=queue --rounds=9'.
 bench: | deps
@@ -66,6 +77,11 @@ abi-baseline: build/build.ninja | deps
 	cmake --build build --target qosa -j $(JOBS)
 	./tools/abi.sh baseline build/libqosa.so.1
 
+# Debian packages libqosa1 and libqosa-dev (build/*.deb) from the plain build.
+package: build/build.ninja
+	cmake --build build -j $(JOBS)
+	cd build && cpack -G DEB
+
 install: build/build.ninja
 	cmake --build build -j $(JOBS)
 	cmake --install build --prefix $(PREFIX)
@@ -75,4 +91,4 @@ lint: build/build.ninja
 	git ls-files 'BasicComponents/*.cpp' | xargs clang-tidy -p build --quiet
 
 clean:
-	rm -rf build build-asan build-tsan build-bench build-fuzz
+	rm -rf build build-asan build-tsan build-bench build-fuzz build-arm64

@@ -1,4 +1,5 @@
 // The library's mutex and the pass-through read-write locks.
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
@@ -9,14 +10,16 @@
 static_assert(offsetof(QosaMutex, mutex) == 0, "the platform mutex comes first");
 static_assert(offsetof(QosaMutex, ulMagic1) == sizeof(pthread_mutex_t), "marker words follow the platform mutex");
 static_assert(offsetof(QosaMutex, ulMagic2) == offsetof(QosaMutex, ulMagic1) + 4);
-static_assert(offsetof(QosaMutex, ulMagic1) % 8 == 0, "the marker pair is written as one 64-bit store");
+static_assert(offsetof(QosaMutex, ulMagic1) % 8 == 0 && alignof(QosaMutex) >= 8,
+              "the marker pair is read and written as one aligned 64-bit word");
 static_assert(sizeof(QosaMutex) == sizeof(pthread_mutex_t) + 8);
 
 namespace {
 
 // The two marker words as one 64-bit value, in memory order.
 constexpr std::uint64_t pair(std::uint32_t first, std::uint32_t second) {
-    return (std::uint64_t{second} << 32) | first; // little-endian host
+    if constexpr (std::endian::native == std::endian::little) return (std::uint64_t{second} << 32) | first;
+    return (std::uint64_t{first} << 32) | second;
 }
 constexpr std::uint64_t kStatic = pair(QOSA_MUTEX_MAGIC1, QOSA_MUTEX_MAGIC2);
 constexpr std::uint64_t kLive = ~std::uint64_t{0};

@@ -35,9 +35,12 @@ constexpr std::uint32_t kLeaving = 3;  // timed out or interrupted: posts pass i
 constexpr std::uint16_t kFifoSpinMaxNs = 10000;
 static_assert(kFifoSpinMaxNs <= UINT16_MAX / 2, "the learnt spin time moves within a 16-bit field");
 
+// A spin-wait hint: lets the sibling hardware thread run and saves power.
 void cpu_relax() {
 #if defined(__x86_64__) || defined(__i386__)
     __builtin_ia32_pause();
+#elif defined(__aarch64__) || defined(__arm__)
+    __asm__ __volatile__("yield" ::: "memory");
 #endif
 }
 
