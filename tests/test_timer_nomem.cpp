@@ -1,5 +1,6 @@
 // The timer service while memory runs out, tracking on: what the timer thread
-// queues for itself never needs memory, and callers' requests still report 12.
+// queues for itself never needs memory, callers' requests still report 12, and
+// a timer group's release leaves no block behind.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -122,4 +123,53 @@ TEST_F(TimerNoMemory, ReleasingOneShotsGoAfterFiring) {
     EXPECT_EQ(s_fired, 2);
     EXPECT_EQ(blocks("tmr_"), blocksBefore);
     EXPECT_EQ(QOSA_FreeAbsTimer(a), 22u);
+}
+
+// Memory runs out at the k-th allocation of a group's free with one member
+// running: only the member's free asks for memory (k = 1: 0x20160048 and the
+// group stays valid); its own release never fails and leaves nothing behind.
+TEST_F(TimerNoMemory, GroupFreeLeavesNoBlock) {
+    const u32 blocksBefore = blocks("tmr_");
+    for (long grant : {0, 1, 2}) {
+        QOSA_RelTimerGrp* g = nullptr;
+        ASSERT_EQ(QOSA_InitReltimerGrp(&g, 2, [](u32, u32) { s_fired++; }), 0u);
+        ASSERT_EQ(QOSA_StartRelTimerofGrp(g, 0, 10, 1, 0), 0u);
+        arm(grant);
+        const u32 r = QOSA_FreeRelTimerGrp(g);
+        disarm();
+        if (grant == 0) {
+            EXPECT_EQ(r, 0x20160048u);
+            EXPECT_EQ(g->valid, 1u);
+            EXPECT_EQ(QOSA_FreeRelTimerGrp(g), 0u);
+        } else {
+            EXPECT_EQ(r, 0u) << grant;
+        }
+        EXPECT_TRUE(eventually([&] { return blocks("tmr_") == blocksBefore; }))
+            << grant << ": " << blocks("tmr_group") << " group blocks left";
+    }
+}
+
+// Freed while a stop waits for a callback to return: the group is released
+// by the stop (its member's timer counts as gone).
+TEST_F(TimerNoMemory, GroupFreedWhileTheServiceStops) {
+    static std::atomic<int> phase{0}; // 1: the callback runs; 2: it may return
+    QOSA_RelTimerGrp* g = nullptr;
+    ASSERT_EQ(QOSA_InitReltimerGrp(&g, 1, [](u32, u32) {}), 0u);
+    ASSERT_EQ(QOSA_StartRelTimerofGrp(g, 0, 10, 0, 0), 0u);
+    auto hold = [](void*) {
+        phase = 1;
+        while (phase != 2)
+            std::this_thread::yield();
+    };
+    ASSERT_EQ(QOSA_StartRelTimer(QOSA_CreateRelTimerM(hold, QOSA_TIMER_ONCE, __LINE__, "hold"), 10, nullptr), 0u);
+    ASSERT_TRUE(eventually([] { return phase == 1; }));
+    std::thread stop([] { EXPECT_EQ(QOSA_StopTimerTask(), 0u); });
+    const bool quitting = eventually([] { return petimer_isQuiting() == 1; });
+    const u32 r = QOSA_FreeRelTimerGrp(g);
+    phase = 2;
+    stop.join();
+    EXPECT_TRUE(quitting);
+    EXPECT_EQ(r, 0u);
+    EXPECT_EQ(blocks("tmr_"), 0u);
+    ASSERT_EQ(QOSA_StartTimerTask(nullptr, nullptr), 0u); // for the fixture's stop
 }

@@ -286,6 +286,13 @@ void reltimer_set_origin(void* h, u32 line, const char* file) {
 
 void reltm_trigger(s64 n) { _reltm_trigger(n); }
 
+bool reltm_post_release(OwnedTasklet* t, tsklet_fn fn, void* arg) {
+    MutexGuard lock(&relIndexLock);
+    if (!s_relUp) return false;
+    tsklet_post(&_tsklets, t, fn, arg, QueueAt::back);
+    return true;
+}
+
 u32 reltm_tick_last() { return _tick_last; }
 
 } // namespace qosa::timer
@@ -331,10 +338,16 @@ u32 init_reltm(void) {
 
 u32 delinit_reltm(void) {
     {
-        // The callers are refused from here on; the lock orders this walk
-        // against their handle tests.
+        // The callers are refused from here on.
         MutexGuard lock(&relIndexLock);
         s_relUp = false;
+    }
+    // Releases posted while the service stopped, after the thread's last
+    // drain: no callback runs any more, so they are carried out now.
+    tsklet_invokeall(&_tsklets);
+    {
+        // The lock orders this walk against the callers' handle tests.
+        MutexGuard lock(&relIndexLock);
         tsklet_delinit(&_tsklets);
         if (_tm_hash != nullptr) {
             for (u32 i = 0; i < kBuckets; ++i) {
