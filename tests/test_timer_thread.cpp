@@ -120,7 +120,11 @@ TEST(TimerThread, StartHooksAndStop) {
 
 // While a detached batch runs, another thread and the running tasklet may
 // queue; that waits for the next drain, and a front request still goes first.
+// A tasklet in storage of its own (static here) is run and discarded like the
+// others, but never freed.
 TEST(Tasklets, OrderQueueingWhileADrainRunsAndDiscard) {
+    using qosa::timer::QueueAt;
+    static qosa::timer::OwnedTasklet own;
     static std::atomic<bool> queued{false};
     static std::thread other;
     ASSERT_EQ(tsklet_init(&g_q), 0);
@@ -144,9 +148,14 @@ TEST(Tasklets, OrderQueueingWhileADrainRunsAndDiscard) {
     EXPECT_EQ(tsklet_invokeall(&g_q), 0);
     EXPECT_EQ(tsklet_invokeall(&g_q), 0); // each ran once
     EXPECT_EQ(g_ran, "DAXBRS");
+    qosa::timer::tsklet_post(&g_q, &own, note, &A, QueueAt::back);
+    ASSERT_EQ(tsklet_invokefirst(&g_q, note, &C), 0u);
+    EXPECT_EQ(tsklet_invokeall(&g_q), 0);
+    EXPECT_EQ(g_ran, "DAXBRSCA");
+    qosa::timer::tsklet_post(&g_q, &own, note, &A, QueueAt::front); // again, once it ran
     ASSERT_EQ(tsklet_invokelater(&g_q, note, &C), 0u);
     EXPECT_EQ(tsklet_delinit(&g_q), 0u);
-    EXPECT_EQ(g_ran, "DAXBRS") << "discarded unrun";
+    EXPECT_EQ(g_ran, "DAXBRSCA") << "discarded unrun";
 }
 
 namespace {
