@@ -37,8 +37,7 @@ pthread_mutex_t s_initStripes[16] = {
     PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
 };
 
-int bring_to_life(QosaMutex* m) {
-    if (__atomic_load_n(markers(m), __ATOMIC_ACQUIRE) != kStatic) return 0;
+[[gnu::noinline, gnu::cold]] int init_static(QosaMutex* m) {
     auto stripe = (reinterpret_cast<std::uintptr_t>(m) >> 6) % std::size(s_initStripes);
     pthread_mutex_lock(&s_initStripes[stripe]);
     int ret = 0;
@@ -50,6 +49,13 @@ int bring_to_life(QosaMutex* m) {
     }
     pthread_mutex_unlock(&s_initStripes[stripe]);
     return ret;
+}
+
+// 0 once m is live: one acquire load when it is (the path every lock but
+// the first takes, inlined so that the lock goes straight on to the
+// platform's), else the first-lock initialisation.
+inline int bring_to_life(QosaMutex* m) {
+    return __atomic_load_n(markers(m), __ATOMIC_ACQUIRE) != kStatic ? 0 : init_static(m);
 }
 
 } // namespace
