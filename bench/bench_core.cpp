@@ -1,90 +1,193 @@
-// The core frame against the plain platform calls.
-#include <benchmark/benchmark.h>
-
+// The thin wrappers against the platform call they wrap: locks, strings,
+// files, sockets, clocks, threads.
 #include <pthread.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
-#include <vector>
 
-#include "internal/bounded.h"
+#include "bench.h"
+#include "qosa_file.h"
 #include "qosa_lock.h"
+#include "qosa_socket.h"
 #include "qosa_string.h"
+#include "qosa_thread.h"
+#include "qosa_time.h"
+
+// pthread_self is declared const, so a loop of calls would be folded into
+// one; this name for the same function makes the peer call it every time.
+extern "C" pthread_t pthread_self_each_time(void) __asm__("pthread_self");
 
 namespace {
 
-void Mutex_qosa(benchmark::State& st) {
-    static QosaMutex m = QOSA_MUTEX_INITIALIZER;
-    for (auto _ : st) {
-        QOSA_MutexLock(&m);
-        QOSA_MutexUnLock(&m);
-    }
-}
-void Mutex_peer(benchmark::State& st) {
-    static pthread_mutex_t m = PTHREAD_MUTEX_INITIALIZER;
-    for (auto _ : st) {
-        pthread_mutex_lock(&m);
-        pthread_mutex_unlock(&m);
-    }
-}
-BENCHMARK(Mutex_qosa)->Name("MutexLockUnlock.qosa");
-BENCHMARK(Mutex_peer)->Name("MutexLockUnlock.peer");
+using bench::keep;
+using bench::u64;
 
-void Memcpy_qosa(benchmark::State& st) {
-    std::size_t n = static_cast<std::size_t>(st.range(0));
-    std::vector<char> src(n, 'a'), dst(n);
-    for (auto _ : st) {
-        qosa::bounded::memcpy_s(dst.data(), n, src.data(), n);
-        benchmark::ClobberMemory();
-    }
-}
-void Memcpy_peer(benchmark::State& st) {
-    std::size_t n = static_cast<std::size_t>(st.range(0));
-    std::vector<char> src(n, 'a'), dst(n);
-    for (auto _ : st) {
-        std::memcpy(dst.data(), src.data(), n);
-        benchmark::ClobberMemory();
-    }
-}
-BENCHMARK(Memcpy_qosa)->Name("memcpy_s.qosa")->Arg(16)->Arg(256)->Arg(4096);
-BENCHMARK(Memcpy_peer)->Name("memcpy_s.peer")->Arg(16)->Arg(256)->Arg(4096);
+constexpr const char* kPath = "/tmp"; // a path every host has
 
-void Memset_qosa(benchmark::State& st) {
-    std::size_t n = static_cast<std::size_t>(st.range(0));
-    std::vector<char> dst(n);
-    for (auto _ : st) {
-        qosa::bounded::memset_s(dst.data(), n, 0x5A, n);
-        benchmark::ClobberMemory();
-    }
+// One UDP socket for the whole run; the option read is SO_RCVBUF.
+int udp_socket() {
+    static const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    return fd;
 }
-void Memset_peer(benchmark::State& st) {
-    std::size_t n = static_cast<std::size_t>(st.range(0));
-    std::vector<char> dst(n);
-    for (auto _ : st) {
-        std::memset(dst.data(), 0x5A, n);
-        benchmark::ClobberMemory();
-    }
-}
-BENCHMARK(Memset_qosa)->Name("memset_s.qosa")->Arg(16)->Arg(256)->Arg(4096);
-BENCHMARK(Memset_peer)->Name("memset_s.peer")->Arg(16)->Arg(256)->Arg(4096);
 
-void Ultostr_qosa(benchmark::State& st) {
-    char buf[16];
-    u32 v = 0;
-    for (auto _ : st) {
-        benchmark::DoNotOptimize(QOSA_Ultostr(buf, sizeof buf, v++, 16));
-        benchmark::ClobberMemory();
-    }
-}
-void Ultostr_peer(benchmark::State& st) {
-    char buf[16];
-    u32 v = 0;
-    for (auto _ : st) {
-        benchmark::DoNotOptimize(std::snprintf(buf, sizeof buf, "%x", v++));
-        benchmark::ClobberMemory();
-    }
-}
-BENCHMARK(Ultostr_qosa)->Name("Ultostr.qosa");
-BENCHMARK(Ultostr_peer)->Name("Ultostr.peer");
+const bench::Registrar reg([] {
+    bench::pair(
+        "mutex.lock+unlock", "QOSA_MutexLock+UnLock",
+        [](u64 n) {
+            static QosaMutex m = QOSA_MUTEX_INITIALIZER;
+            for (u64 i = 0; i < n; ++i) {
+                QOSA_MutexLock(&m);
+                QOSA_MutexUnLock(&m);
+            }
+        },
+        "pthread_mutex_lock+unlock",
+        [](u64 n) {
+            static pthread_mutex_t m = PTHREAD_MUTEX_INITIALIZER;
+            for (u64 i = 0; i < n; ++i) {
+                pthread_mutex_lock(&m);
+                pthread_mutex_unlock(&m);
+            }
+        });
+    bench::pair(
+        "string.ultostr", "QOSA_Ultostr hex",
+        [](u64 n) {
+            char buf[16];
+            for (u64 i = 0; i < n; ++i) {
+                keep(QOSA_Ultostr(buf, sizeof buf, static_cast<u32>(i), 16));
+                keep(buf);
+            }
+        },
+        "snprintf %x",
+        [](u64 n) {
+            char buf[16];
+            for (u64 i = 0; i < n; ++i) {
+                keep(std::snprintf(buf, sizeof buf, "%x", static_cast<unsigned>(i)));
+                keep(buf);
+            }
+        });
+    bench::pair(
+        "file.access", "QOSA_Access",
+        [](u64 n) {
+            for (u64 i = 0; i < n; ++i)
+                keep(QOSA_Access(kPath, R_OK));
+        },
+        "access",
+        [](u64 n) {
+            for (u64 i = 0; i < n; ++i)
+                keep(access(kPath, R_OK));
+        });
+    bench::pair(
+        "file.stat", "QOSA_Stat",
+        [](u64 n) {
+            QOSA_STAT_S s;
+            for (u64 i = 0; i < n; ++i) {
+                keep(QOSA_Stat(kPath, &s));
+                keep(s);
+            }
+        },
+        "stat",
+        [](u64 n) {
+            struct stat s;
+            for (u64 i = 0; i < n; ++i) {
+                keep(stat(kPath, &s));
+                keep(s);
+            }
+        });
+    bench::pair(
+        "socket.getsockopt", "QOSA_GetSockOpt SO_RCVBUF",
+        [](u64 n) {
+            int v = 0;
+            for (u64 i = 0; i < n; ++i) {
+                socklen_t len = sizeof v;
+                keep(QOSA_GetSockOpt(udp_socket(), SOL_SOCKET, SO_RCVBUF, &v, &len));
+                keep(v);
+            }
+        },
+        "getsockopt SO_RCVBUF",
+        [](u64 n) {
+            int v = 0;
+            for (u64 i = 0; i < n; ++i) {
+                socklen_t len = sizeof v;
+                keep(getsockopt(udp_socket(), SOL_SOCKET, SO_RCVBUF, &v, &len));
+                keep(v);
+            }
+        });
+    bench::pair(
+        "time.sys-run-time", "QOSA_GetSysRunTime",
+        [](u64 n) {
+            for (u64 i = 0; i < n; ++i)
+                keep(QOSA_GetSysRunTime());
+        },
+        "clock_gettime BOOTTIME",
+        [](u64 n) {
+            timespec ts;
+            for (u64 i = 0; i < n; ++i) {
+                clock_gettime(CLOCK_BOOTTIME, &ts);
+                keep(ts);
+            }
+        });
+    bench::pair(
+        "time.system-time", "QOSA_GetSystemTime",
+        [](u64 n) {
+            for (u64 i = 0; i < n; ++i)
+                keep(QOSA_GetSystemTime());
+        },
+        "gettimeofday",
+        [](u64 n) {
+            timeval tv;
+            for (u64 i = 0; i < n; ++i) {
+                gettimeofday(&tv, nullptr);
+                keep(tv);
+            }
+        });
+    bench::pair(
+        "time.local-time", "QOSA_LocalTime_S",
+        [](u64 n) {
+            time_t t = 1709642096;
+            struct tm tm;
+            for (u64 i = 0; i < n; ++i) {
+                keep(QOSA_LocalTime_S(&tm, &t));
+                keep(tm);
+            }
+        },
+        "localtime_r",
+        [](u64 n) {
+            time_t t = 1709642096;
+            struct tm tm;
+            for (u64 i = 0; i < n; ++i) {
+                keep(localtime_r(&t, &tm));
+                keep(tm);
+            }
+        });
+    // A condition variable nobody waits on: the wrapper around the fast path.
+    bench::pair(
+        "thread.cond-signal", "QOSA_PthreadCondSignal",
+        [](u64 n) {
+            static pthread_cond_t c = PTHREAD_COND_INITIALIZER;
+            for (u64 i = 0; i < n; ++i)
+                keep(QOSA_PthreadCondSignal(&c));
+        },
+        "pthread_cond_signal",
+        [](u64 n) {
+            static pthread_cond_t c = PTHREAD_COND_INITIALIZER;
+            for (u64 i = 0; i < n; ++i)
+                keep(pthread_cond_signal(&c));
+        });
+    bench::pair(
+        "thread.self", "QOSA_PthreadSelf",
+        [](u64 n) {
+            for (u64 i = 0; i < n; ++i)
+                keep(QOSA_PthreadSelf());
+        },
+        "pthread_self",
+        [](u64 n) {
+            for (u64 i = 0; i < n; ++i)
+                keep(pthread_self_each_time());
+        });
+});
 
 } // namespace

@@ -1,193 +1,181 @@
-// Message queues and the FIFO semaphore against their platform peers.
+// Message queues and the FIFO semaphore against their platform peers, and
+// the queues at scale.
 //
-// Throughput: one iteration moves kBatch messages from the producers to the
-// consumers (threads started per iteration), capacity kCapacity everywhere
-// the peer allows one (a pipe keeps its own buffer). Peers: POSIX message
-// queues, a pipe, and a mutex + condition-variable deque of byte buffers;
-// each peer is paired with a run of the library's queue next to it.
-// Latency: ping-pong between two threads, the time of one round trip at the
-// median and the 99th percentile of each batch.
-#include <benchmark/benchmark.h>
-
+// Throughput: a round moves n messages from the producers to the consumers
+// (threads started per round) through one queue of capacity 10, against a
+// POSIX message queue of capacity 10 and the same message size. Latency:
+// ping-pong between two threads through two one-way channels, each round
+// trip timed; p50 and p99 of each round.
 #include <fcntl.h>
 #include <mqueue.h>
 #include <semaphore.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <cstdint>
-#include <cstring>
+#include <cstdio>
 #include <deque>
-#include <mutex>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "bench.h"
 #include "qosa_queue.h"
 #include "qosa_sem.h"
 
 namespace {
 
-constexpr std::uint32_t kBatch = 20000;
-constexpr std::uint32_t kCapacity = 10; // POSIX message queues allow at most 10 by default
-constexpr int kRoundTrips = 2000;
+using bench::Clock;
+using bench::keep;
+using bench::u64;
 
-// ---- the transports ------------------------------------------------------
+constexpr u32 kCapacity = 10; // what a POSIX message queue allows by default
 
-struct QosaQueue {
+// ---- one-way channels of fixed-size messages ----
+
+struct Queue {
     u32 id = 0;
-    explicit QosaQueue(std::size_t size) { ORV_QueueCreate("bench", kCapacity, &id, 0, static_cast<u32>(size)); }
-    ~QosaQueue() { ORV_QueueDelete(id); }
-    void send(const char* p, std::size_t n) { ORV_QueueWrite(id, p, static_cast<u32>(n), 0); }
-    void recv(char* p, std::size_t n) { ORV_QueueRead(id, 0, p, static_cast<u32>(n)); }
+    explicit Queue(std::size_t size) {
+        if (ORV_QueueCreate("bench", kCapacity, &id, 0, static_cast<u32>(size)) != 0) throw bench::Skip("no queue");
+    }
+    ~Queue() { ORV_QueueDelete(id); }
+    bool send(const char* p, std::size_t n) const { return ORV_QueueWrite(id, p, static_cast<u32>(n), 0) == 0; }
+    bool recv(char* p, std::size_t n) const { return ORV_QueueRead(id, 0, p, static_cast<u32>(n)) == n; }
 };
 
 struct PosixMq {
-    std::string name;
     mqd_t q;
     explicit PosixMq(std::size_t size) {
         static std::atomic<int> serial{0};
-        name = "/qosa_bench_" + std::to_string(getpid()) + "_" + std::to_string(serial++);
+        std::string name = "/qosa_bench_" + std::to_string(getpid()) + "_" + std::to_string(serial++);
         mq_attr attr{};
         attr.mq_maxmsg = kCapacity;
         attr.mq_msgsize = static_cast<long>(size);
         q = mq_open(name.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600, &attr);
-        if (q == static_cast<mqd_t>(-1)) std::perror("mq_open");
+        if (q == static_cast<mqd_t>(-1)) throw bench::Skip("mq_open failed");
         mq_unlink(name.c_str());
     }
     ~PosixMq() { mq_close(q); }
-    void send(const char* p, std::size_t n) const { mq_send(q, p, n, 0); }
-    void recv(char* p, std::size_t n) const { mq_receive(q, p, n, nullptr); }
+    bool send(const char* p, std::size_t n) const { return mq_send(q, p, n, 0) == 0; }
+    bool recv(char* p, std::size_t n) const { return mq_receive(q, p, n, nullptr) == static_cast<ssize_t>(n); }
 };
 
-// Messages of one fixed size of at most PIPE_BUF: every write and every read
-// moves one whole message.
+// Messages of at most PIPE_BUF bytes: each write and each read moves one.
 struct Pipe {
     int fd[2] = {-1, -1};
-    explicit Pipe(std::size_t /*size*/) {
-        if (pipe(fd) != 0) std::perror("pipe");
+    explicit Pipe(std::size_t) {
+        if (pipe(fd) != 0) throw bench::Skip("pipe failed");
     }
     ~Pipe() {
         close(fd[0]);
         close(fd[1]);
     }
-    void send(const char* p, std::size_t n) const { benchmark::DoNotOptimize(write(fd[1], p, n)); }
-    void recv(char* p, std::size_t n) const { benchmark::DoNotOptimize(read(fd[0], p, n)); }
+    bool send(const char* p, std::size_t n) const { return write(fd[1], p, n) == static_cast<ssize_t>(n); }
+    bool recv(char* p, std::size_t n) const { return read(fd[0], p, n) == static_cast<ssize_t>(n); }
 };
 
-struct CvDeque {
-    std::mutex m;
-    std::condition_variable notEmpty, notFull;
-    std::deque<std::vector<char>> items;
-    explicit CvDeque(std::size_t /*size*/) {}
-    void send(const char* p, std::size_t n) {
-        std::vector<char> item(p, p + n);
-        std::unique_lock<std::mutex> lock(m);
-        notFull.wait(lock, [&] { return items.size() < kCapacity; });
-        items.push_back(std::move(item));
-        lock.unlock();
-        notEmpty.notify_one();
+// Semaphores as channels: post is the send, wait the receive; the message's
+// first byte (the quit mark) travels beside them.
+struct FifoSem {
+    QOSA_SEM_S s{};
+    std::atomic<char> mark{0};
+    explicit FifoSem(std::size_t) {
+        if (QOSA_SemInit(&s, 0, 0) != 0) throw bench::Skip("no semaphore");
     }
-    void recv(char* p, std::size_t n) {
-        std::unique_lock<std::mutex> lock(m);
-        notEmpty.wait(lock, [&] { return !items.empty(); });
-        std::vector<char> item = std::move(items.front());
-        items.pop_front();
-        lock.unlock();
-        notFull.notify_one();
-        std::memcpy(p, item.data(), std::min(n, item.size()));
+    ~FifoSem() { QOSA_SemDestroy(&s); }
+    bool send(const char* p, std::size_t) {
+        mark = p[0];
+        return QOSA_SemPost(&s) == 0;
+    }
+    bool recv(char* p, std::size_t) {
+        bool ok = QOSA_SemWait(&s) == 0;
+        p[0] = mark;
+        return ok;
+    }
+};
+struct PosixSem {
+    sem_t s{};
+    std::atomic<char> mark{0};
+    explicit PosixSem(std::size_t) { sem_init(&s, 0, 0); }
+    ~PosixSem() { sem_destroy(&s); }
+    bool send(const char* p, std::size_t) {
+        mark = p[0];
+        return sem_post(&s) == 0;
+    }
+    bool recv(char* p, std::size_t) {
+        bool ok = sem_wait(&s) == 0;
+        p[0] = mark;
+        return ok;
     }
 };
 
-// ---- throughput ----------------------------------------------------------
+// ---- throughput ----
 
 template <typename Q>
-void throughput(benchmark::State& st, int producers, int consumers) {
-    auto size = static_cast<std::size_t>(st.range(0));
-    Q q(size);
-    for (auto _ : st) {
-        std::vector<std::thread> threads;
-        for (int p = 0; p < producers; ++p)
-            threads.emplace_back([&] {
-                std::vector<char> msg(size, 'm');
-                for (std::uint32_t i = 0; i < kBatch / producers; ++i)
-                    q.send(msg.data(), size);
-            });
-        for (int c = 0; c < consumers; ++c)
-            threads.emplace_back([&] {
-                std::vector<char> buf(size);
-                for (std::uint32_t i = 0; i < kBatch / consumers; ++i)
-                    q.recv(buf.data(), size);
-            });
-        for (auto& t : threads)
-            t.join();
-    }
-    st.SetItemsProcessed(static_cast<std::int64_t>(st.iterations()) * kBatch);
+void move_messages(Q& q, std::size_t size, int producers, int consumers, u64 n) {
+    std::atomic<u64> failed{0};
+    std::vector<std::thread> threads;
+    for (int p = 0; p < producers; ++p)
+        threads.emplace_back([&, p] {
+            std::vector<char> msg(size, 'm');
+            for (u64 i = n / producers + (static_cast<u64>(p) < n % producers); i > 0; --i)
+                if (!q.send(msg.data(), size)) ++failed;
+        });
+    for (int c = 0; c < consumers; ++c)
+        threads.emplace_back([&, c] {
+            std::vector<char> buf(size);
+            for (u64 i = n / consumers + (static_cast<u64>(c) < n % consumers); i > 0; --i)
+                if (!q.recv(buf.data(), size)) ++failed;
+        });
+    for (auto& t : threads)
+        t.join();
+    if (failed != 0) throw bench::Skip("a send or receive failed");
 }
 
-template <typename Q>
-void Spsc(benchmark::State& st) {
-    throughput<Q>(st, 1, 1);
+template <typename Ours, typename Peer>
+struct Channels {
+    std::unique_ptr<Ours> ours;
+    std::unique_ptr<Peer> peer;
+};
+
+template <typename Ours, typename Peer>
+void throughput(std::string name, std::size_t size, int producers, int consumers) {
+    auto ch = std::make_shared<Channels<Ours, Peer>>();
+    bench::add(
+        {std::move(name),
+         bench::rate("ORV_QueueWrite/Read", [=](u64 n) { move_messages(*ch->ours, size, producers, consumers, n); }),
+         bench::rate("mq_send/mq_receive", [=](u64 n) { move_messages(*ch->peer, size, producers, consumers, n); }),
+         {{"throughput", bench::Kind::Rate}},
+         0,
+         [=] {
+             ch->ours = std::make_unique<Ours>(size);
+             ch->peer = std::make_unique<Peer>(size);
+         },
+         [=] {
+             ch->ours.reset();
+             ch->peer.reset();
+         }});
 }
-template <typename Q>
-void Mpmc(benchmark::State& st) {
-    throughput<Q>(st, 4, 4);
-}
 
-#define QUEUE_PAIR(kind, peer, Peer)                                                                                   \
-    BENCHMARK(kind<QosaQueue>)                                                                                         \
-        ->Name("Queue" #kind ".vs_" #peer ".qosa")                                                                     \
-        ->Arg(16)                                                                                                      \
-        ->Arg(256)                                                                                                     \
-        ->Arg(4096)                                                                                                    \
-        ->UseRealTime()                                                                                                \
-        ->Unit(benchmark::kMillisecond);                                                                               \
-    BENCHMARK(kind<Peer>)                                                                                              \
-        ->Name("Queue" #kind ".vs_" #peer ".peer")                                                                     \
-        ->Arg(16)                                                                                                      \
-        ->Arg(256)                                                                                                     \
-        ->Arg(4096)                                                                                                    \
-        ->UseRealTime()                                                                                                \
-        ->Unit(benchmark::kMillisecond)
+// ---- latency ----
 
-QUEUE_PAIR(Spsc, mq, PosixMq);
-QUEUE_PAIR(Spsc, pipe, Pipe);
-QUEUE_PAIR(Spsc, cvdeque, CvDeque);
-QUEUE_PAIR(Mpmc, mq, PosixMq);
-QUEUE_PAIR(Mpmc, pipe, Pipe);
-QUEUE_PAIR(Mpmc, cvdeque, CvDeque);
-
-// ---- latency -------------------------------------------------------------
-
-// Round trips through two one-way channels made by make(); an echo thread
-// sends back what it gets. Each iteration is a batch of kRoundTrips; its
-// manual time is the chosen percentile of the batch.
-template <typename Channel>
-void ping_pong(benchmark::State& st, double percentile) {
-    Channel there(16), back(16);
-    char msg[16] = "ping";
+// n round trips; an echo thread sends back what it gets, until a 'q'.
+template <typename C>
+void ping_pong(u64 n, std::vector<double>& samples) {
+    C there(16), back(16);
     std::thread echo([&] {
         char buf[16];
-        for (;;) {
-            there.recv(buf, sizeof buf);
+        do {
+            if (!there.recv(buf, sizeof buf)) return;
             back.send(buf, sizeof buf);
-            if (buf[0] == 'q') return;
-        }
+        } while (buf[0] != 'q');
     });
-    std::vector<double> samples(kRoundTrips);
-    for (auto _ : st) {
-        for (double& s : samples) {
-            auto t0 = std::chrono::steady_clock::now();
-            there.send(msg, sizeof msg);
-            back.recv(msg, sizeof msg);
-            s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-        }
-        auto at = samples.begin() + static_cast<std::ptrdiff_t>(percentile * (kRoundTrips - 1));
-        std::nth_element(samples.begin(), at, samples.end());
-        st.SetIterationTime(*at);
+    char msg[16] = "ping";
+    for (u64 i = 0; i < n; ++i) {
+        auto t0 = Clock::now();
+        there.send(msg, sizeof msg);
+        back.recv(msg, sizeof msg);
+        samples.push_back(bench::seconds_since(t0));
     }
     msg[0] = 'q';
     there.send(msg, sizeof msg);
@@ -195,91 +183,90 @@ void ping_pong(benchmark::State& st, double percentile) {
     echo.join();
 }
 
-void PingPongP50_qosa(benchmark::State& st) { ping_pong<QosaQueue>(st, 0.5); }
-void PingPongP50_peer(benchmark::State& st) { ping_pong<Pipe>(st, 0.5); }
-void PingPongP99_qosa(benchmark::State& st) { ping_pong<QosaQueue>(st, 0.99); }
-void PingPongP99_peer(benchmark::State& st) { ping_pong<Pipe>(st, 0.99); }
-BENCHMARK(PingPongP50_qosa)
-    ->Name("QueuePingPong.p50.vs_pipe.qosa")
-    ->UseManualTime()
-    ->Iterations(10)
-    ->Unit(benchmark::kMicrosecond);
-BENCHMARK(PingPongP50_peer)
-    ->Name("QueuePingPong.p50.vs_pipe.peer")
-    ->UseManualTime()
-    ->Iterations(10)
-    ->Unit(benchmark::kMicrosecond);
-BENCHMARK(PingPongP99_qosa)
-    ->Name("QueuePingPong.p99.vs_pipe.qosa")
-    ->UseManualTime()
-    ->Iterations(10)
-    ->Unit(benchmark::kMicrosecond);
-BENCHMARK(PingPongP99_peer)
-    ->Name("QueuePingPong.p99.vs_pipe.peer")
-    ->UseManualTime()
-    ->Iterations(10)
-    ->Unit(benchmark::kMicrosecond);
+// ---- at scale ----
 
-// Semaphores as one-way channels: post is the send, wait the receive. A
-// round trip is two post-to-wake hand-overs.
-struct FifoSemChannel {
-    QOSA_SEM_S s{};
-    explicit FifoSemChannel(std::size_t /*size*/) { QOSA_SemInit(&s, 0, 0); }
-    ~FifoSemChannel() { QOSA_SemDestroy(&s); }
-    void send(const char* p, std::size_t /*n*/) {
-        quit = p[0] == 'q';
-        QOSA_SemPost(&s);
+// Live queues, oldest first.
+struct Population {
+    std::deque<u32> ids;
+    void fill(std::size_t count) {
+        while (ids.size() < count) {
+            u32 id = 0;
+            if (ORV_QueueCreate("scale", kCapacity, &id, 0, 16) != 0) throw bench::Skip("no queue");
+            ids.push_back(id);
+        }
     }
-    void recv(char* p, std::size_t /*n*/) {
-        QOSA_SemWait(&s);
-        p[0] = quit ? 'q' : 'p';
+    void clear() {
+        for (; !ids.empty(); ids.pop_back())
+            ORV_QueueDelete(ids.back());
     }
-    std::atomic<bool> quit{false};
-};
-struct PosixSemChannel {
-    sem_t s{};
-    explicit PosixSemChannel(std::size_t /*size*/) { sem_init(&s, 0, 0); }
-    ~PosixSemChannel() { sem_destroy(&s); }
-    void send(const char* p, std::size_t /*n*/) {
-        quit = p[0] == 'q';
-        sem_post(&s);
-    }
-    void recv(char* p, std::size_t /*n*/) {
-        sem_wait(&s);
-        p[0] = quit ? 'q' : 'p';
-    }
-    std::atomic<bool> quit{false};
 };
 
-void SemP50_qosa(benchmark::State& st) { ping_pong<FifoSemChannel>(st, 0.5); }
-void SemP50_peer(benchmark::State& st) { ping_pong<PosixSemChannel>(st, 0.5); }
-void SemP99_qosa(benchmark::State& st) { ping_pong<FifoSemChannel>(st, 0.99); }
-void SemP99_peer(benchmark::State& st) { ping_pong<PosixSemChannel>(st, 0.99); }
-BENCHMARK(SemP50_qosa)->Name("SemPostToWake.p50.qosa")->UseManualTime()->Iterations(10)->Unit(benchmark::kMicrosecond);
-BENCHMARK(SemP50_peer)->Name("SemPostToWake.p50.peer")->UseManualTime()->Iterations(10)->Unit(benchmark::kMicrosecond);
-BENCHMARK(SemP99_qosa)->Name("SemPostToWake.p99.qosa")->UseManualTime()->Iterations(10)->Unit(benchmark::kMicrosecond);
-BENCHMARK(SemP99_peer)->Name("SemPostToWake.p99.peer")->UseManualTime()->Iterations(10)->Unit(benchmark::kMicrosecond);
+// A side that works on a population of `count` live queues, made before and
+// removed after each of its rounds.
+bench::Side at_scale(std::size_t count, const std::shared_ptr<Population>& pop, void (*work)(Population&, u64)) {
+    char what[64];
+    std::snprintf(what, sizeof what, "oldest of %zu queues", count);
+    bench::Side s = bench::timed(what, [pop, work](u64 n) { work(*pop, n); });
+    s.enter = [pop, count] { pop->fill(count); };
+    s.leave = [pop] { pop->clear(); };
+    return s;
+}
 
-// A post and a wait on one thread: the cost without any hand-over.
-void SemPostWait_qosa(benchmark::State& st) {
-    QOSA_SEM_S s{};
-    QOSA_SemInit(&s, 0, 0);
-    for (auto _ : st) {
-        QOSA_SemPost(&s);
-        QOSA_SemWait(&s);
-    }
-    QOSA_SemDestroy(&s);
+// A write and a read on each of the two oldest queues, interleaved so that
+// every call looks its queue up afresh (a thread remembers the queue it used
+// last).
+void write_read_oldest(Population& pop, u64 n) {
+    const u32 a = pop.ids[0], b = pop.ids[1];
+    char msg[16] = "scale", buf[16];
+    for (u64 i = 0; i < n; ++i)
+        if (ORV_QueueWrite(a, msg, sizeof msg, 0) != 0 || ORV_QueueWrite(b, msg, sizeof msg, 0) != 0 ||
+            ORV_QueueRead(a, 0, buf, sizeof buf) != sizeof buf || ORV_QueueRead(b, 0, buf, sizeof buf) != sizeof buf)
+            throw bench::Skip("write or read failed");
 }
-void SemPostWait_peer(benchmark::State& st) {
-    sem_t s;
-    sem_init(&s, 0, 0);
-    for (auto _ : st) {
-        sem_post(&s);
-        sem_wait(&s);
+
+void delete_oldest_create(Population& pop, u64 n) {
+    for (u64 i = 0; i < n; ++i) {
+        if (ORV_QueueDelete(pop.ids.front()) != 0) throw bench::Skip("delete failed");
+        pop.ids.pop_front();
+        u32 id = 0;
+        if (ORV_QueueCreate("scale", kCapacity, &id, 0, 16) != 0) throw bench::Skip("no queue");
+        pop.ids.push_back(id);
     }
-    sem_destroy(&s);
 }
-BENCHMARK(SemPostWait_qosa)->Name("SemPostWait.qosa");
-BENCHMARK(SemPostWait_peer)->Name("SemPostWait.peer");
+
+const bench::Registrar reg([] {
+    for (auto [p, c] : {std::pair{1, 1}, {2, 2}, {4, 4}})
+        for (std::size_t size : {16u, 256u, 4096u})
+            throughput<Queue, PosixMq>(
+                "queue." + std::to_string(p) + "P" + std::to_string(c) + "C." + std::to_string(size) + "B", size, p, c);
+    bench::add({"queue.ping-pong", bench::percentiles("ORV_QueueWrite/Read", ping_pong<Queue>),
+                bench::percentiles("pipe write/read", ping_pong<Pipe>), bench::kPercentiles});
+    bench::add({"sem.post-to-wake", bench::percentiles("QOSA_SemPost/Wait", ping_pong<FifoSem>),
+                bench::percentiles("sem_post/sem_wait", ping_pong<PosixSem>), bench::kPercentiles});
+    // A post and a wait on one thread: the cost without any hand-over.
+    bench::pair(
+        "sem.post+wait", "QOSA_SemPost+Wait",
+        [](u64 n) {
+            FifoSem s(0);
+            for (u64 i = 0; i < n; ++i) {
+                QOSA_SemPost(&s.s);
+                QOSA_SemWait(&s.s);
+            }
+        },
+        "sem_post+sem_wait",
+        [](u64 n) {
+            PosixSem s(0);
+            for (u64 i = 0; i < n; ++i) {
+                sem_post(&s.s);
+                sem_wait(&s.s);
+            }
+        });
+
+    auto pop = std::make_shared<Population>();
+    bench::add({"scale.queue.lookup+write+read-oldest.10000/10", at_scale(10000, pop, write_read_oldest),
+                at_scale(10, pop, write_read_oldest)});
+    bench::add({"scale.queue.delete-oldest+create.10000/10", at_scale(10000, pop, delete_oldest_create),
+                at_scale(10, pop, delete_oldest_create)});
+});
 
 } // namespace

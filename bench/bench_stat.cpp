@@ -1,21 +1,31 @@
-// One /proc scan of the statistics against the command-line tools doing the
-// same job: ps for the memory figures, ls of the task directory for the
-// threads. The tools are spawned (no shell) and read to the end; wall time.
-#include <benchmark/benchmark.h>
-
+// The /proc statistics against what a user would do instead: ps for the
+// memory figures of every process, and reading each thread's stat file in
+// /proc/self/task for the thread census (of this process as it is, and with
+// 1,000 threads).
+#include <dirent.h>
+#include <fcntl.h>
+#include <pthread.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <string>
+#include <vector>
 
+#include "bench.h"
 #include "qosa_mem.h"
 #include "qosa_stat.h"
 
 extern char** environ;
 
 namespace {
+
+using bench::keep;
+using bench::u64;
 
 // Runs argv with its output on a pipe, reads it all, waits for the end: the
 // bytes read, or -1 when it could not be started.
@@ -41,42 +51,125 @@ long run(const char* const argv[]) {
     return bytes;
 }
 
-void MemScan_qosa(benchmark::State& st) {
-    for (auto _ : st) {
-        u32 total = 0, free = 0, n = 0;
-        QOSA_OS_PROC_INFO_S* recs = nullptr;
-        if (QOSA_OS_GetMEMAllocRate(&total, &free, &n, &recs) != 0) st.SkipWithError("no scan");
-        QOSA_MemTypeFreeD(recs, QOSA_MEM_DYN, __LINE__, __FILE__);
-        benchmark::DoNotOptimize(n);
+// The census looks a process up by name: give this one a name no other
+// process has.
+const char* own_name() {
+    static char name[16];
+    if (name[0] == 0) {
+        std::snprintf(name, sizeof name, "qbench%d", static_cast<int>(getpid()) % 100000000);
+        prctl(PR_SET_NAME, name);
     }
+    return name;
 }
-void MemScan_peer(benchmark::State& st) {
-    const char* const argv[] = {"ps", "-e", "-o", "comm,vsz,rss", nullptr};
-    for (auto _ : st)
-        if (run(argv) <= 0) st.SkipWithError("ps did not run");
-}
-BENCHMARK(MemScan_qosa)->Name("ProcMemoryScan.qosa")->UseRealTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(MemScan_peer)->Name("ProcMemoryScan.peer")->UseRealTime()->Unit(benchmark::kMicrosecond);
 
-// The threads of this very process, found by its name.
-void Threads_qosa(benchmark::State& st) {
-    std::string name;
-    std::getline(std::ifstream("/proc/self/comm"), name);
-    for (auto _ : st) {
-        u32 n = 0;
+u32 census_qosa(u64 n) {
+    u32 count = 0;
+    for (u64 i = 0; i < n; ++i) {
         QOSA_OS_THREAD_INFO_S* recs = nullptr;
-        if (QOSA_OS_GetProcThread(name.c_str(), &n, &recs) != 0) st.SkipWithError("not found");
+        if (QOSA_OS_GetProcThread(own_name(), &count, &recs) != 0) throw bench::Skip("process not found");
+        keep(recs);
         QOSA_MemTypeFreeD(recs, QOSA_MEM_DYN, __LINE__, __FILE__);
-        benchmark::DoNotOptimize(n);
     }
+    return count;
 }
-void Threads_peer(benchmark::State& st) {
-    const std::string task = "/proc/" + std::to_string(getpid()) + "/task";
-    const char* const argv[] = {"ls", task.c_str(), nullptr};
-    for (auto _ : st)
-        if (run(argv) <= 0) st.SkipWithError("ls did not run");
+
+struct ThreadState {
+    int tid;
+    char state;
+};
+
+// Each thread's id and state letter from /proc/self/task/<tid>/stat.
+std::size_t census_direct(u64 n) {
+    std::vector<ThreadState> out;
+    for (u64 i = 0; i < n; ++i) {
+        out.clear();
+        DIR* dir = opendir("/proc/self/task");
+        if (dir == nullptr) throw bench::Skip("no task directory");
+        while (dirent* e = readdir(dir)) {
+            if (e->d_name[0] < '0' || e->d_name[0] > '9') continue;
+            char path[300], buf[512];
+            std::snprintf(path, sizeof path, "/proc/self/task/%s/stat", e->d_name);
+            int fd = open(path, O_RDONLY | O_CLOEXEC);
+            if (fd < 0) continue;
+            ssize_t got = read(fd, buf, sizeof buf - 1);
+            close(fd);
+            if (got <= 0) continue;
+            buf[got] = 0;
+            const char* paren = std::strrchr(buf, ')');
+            if (paren != nullptr && paren[1] == ' ') out.push_back({std::atoi(e->d_name), paren[2]});
+        }
+        closedir(dir);
+        keep(out.data());
+    }
+    return out.size();
 }
-BENCHMARK(Threads_qosa)->Name("ProcThreads.qosa")->UseRealTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(Threads_peer)->Name("ProcThreads.peer")->UseRealTime()->Unit(benchmark::kMicrosecond);
+
+// 999 threads parked on a pipe beside the main one; closing the pipe ends them.
+struct Crowd {
+    int fd[2] = {-1, -1};
+    std::vector<pthread_t> threads;
+    void start(int count) {
+        if (pipe(fd) != 0) throw bench::Skip("pipe failed");
+        pthread_attr_t attr;
+        pthread_attr_init(&attr);
+        pthread_attr_setstacksize(&attr, 64 * 1024);
+        for (int i = 0; i < count; ++i) {
+            pthread_t t;
+            if (pthread_create(
+                    &t, &attr,
+                    [](void* p) -> void* {
+                        char c;
+                        keep(read(*static_cast<int*>(p), &c, 1));
+                        return nullptr;
+                    },
+                    &fd[0]) != 0)
+                break;
+            threads.push_back(t);
+        }
+        pthread_attr_destroy(&attr);
+        if (threads.size() != static_cast<std::size_t>(count)) throw bench::Skip("could not start the threads");
+    }
+    void stop() {
+        if (fd[1] >= 0) close(fd[1]);
+        for (pthread_t t : threads)
+            pthread_join(t, nullptr);
+        threads.clear();
+        if (fd[0] >= 0) close(fd[0]);
+        fd[0] = fd[1] = -1;
+    }
+} s_crowd;
+
+const bench::Registrar reg([] {
+    bench::pair(
+        "stat.memory-scan", "QOSA_OS_GetMEMAllocRate",
+        [](u64 n) {
+            for (u64 i = 0; i < n; ++i) {
+                u32 total = 0, free = 0, count = 0;
+                QOSA_OS_PROC_INFO_S* recs = nullptr;
+                if (QOSA_OS_GetMEMAllocRate(&total, &free, &count, &recs) != 0) throw bench::Skip("no scan");
+                QOSA_MemTypeFreeD(recs, QOSA_MEM_DYN, __LINE__, __FILE__);
+            }
+        },
+        "ps -e -o comm,vsz,rss",
+        [](u64 n) {
+            const char* const argv[] = {"ps", "-e", "-o", "comm,vsz,rss", nullptr};
+            for (u64 i = 0; i < n; ++i)
+                if (run(argv) <= 0) throw bench::Skip("ps did not run");
+        });
+    bench::pair(
+        "stat.thread-census", "QOSA_OS_GetProcThread", [](u64 n) { census_qosa(n); }, "read task/<tid>/stat",
+        [](u64 n) { census_direct(n); });
+    bench::Case crowd{"stat.thread-census.1000threads",
+                      bench::timed("QOSA_OS_GetProcThread",
+                                   [](u64 n) {
+                                       if (census_qosa(n) < 1000) throw bench::Skip("threads missing");
+                                   }),
+                      bench::timed("read task/<tid>/stat", [](u64 n) {
+                          if (census_direct(n) < 1000) throw bench::Skip("threads missing");
+                      })};
+    crowd.setup = [] { s_crowd.start(999); };
+    crowd.teardown = [] { s_crowd.stop(); };
+    bench::add(crowd);
+});
 
 } // namespace

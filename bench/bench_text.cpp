@@ -1,21 +1,19 @@
-// UTF-8 <-> wide conversions on 1 MB texts against glibc's iconv and
-// mbstowcs / wcstombs (under C.UTF-8). Each library case runs twice, once
-// beside each peer: "<function>/<text>/iconv" and "<function>/<text>/mbstowcs"
-// (wcstombs for the encoders). Bytes processed are the UTF-8 bytes, so the
-// rates compare across directions.
-#include <benchmark/benchmark.h>
-
+// The four UTF-8 <-> wide conversions on 1 MB texts against glibc's iconv
+// doing the same conversion into a fresh buffer.
 #include <iconv.h>
-#include <locale.h>
 
 #include <cstdlib>
 #include <cwchar>
 #include <string>
 #include <vector>
 
+#include "bench.h"
 #include "qosa_text.h"
 
 namespace {
+
+using bench::keep;
+using bench::u64;
 
 struct Text {
     std::string utf8;
@@ -48,125 +46,81 @@ const Text& text(int which) {
 }
 const char* const kTextNames[] = {"ascii", "latin1", "cjk", "emoji"};
 
-void utf8_locale_for_this_thread() {
-    static locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-    uselocale(utf8);
-}
-
-void done(benchmark::State& st, const Text& t) {
-    st.SetBytesProcessed(static_cast<int64_t>(st.iterations()) * static_cast<int64_t>(t.utf8.size()));
-}
-
-// ---- UTF-8 to wide ----
-template <typename T, T* (*Decode)(const char*)>
-void to_wide_qosa(benchmark::State& st, int which) {
-    const Text& t = text(which);
-    for (auto _ : st) {
-        T* w = Decode(t.utf8.c_str());
-        benchmark::DoNotOptimize(w);
-        ORV_StrMemFree(w);
-    }
-    done(st, t);
-}
-void to_wide_iconv(benchmark::State& st, int which) {
-    const Text& t = text(which);
-    iconv_t cd = iconv_open("WCHAR_T", "UTF-8");
-    for (auto _ : st) {
-        std::size_t inLeft = t.utf8.size(), outLeft = t.utf8.size() * sizeof(wchar_t);
-        auto* out = static_cast<wchar_t*>(std::malloc(outLeft + sizeof(wchar_t)));
-        char* in = const_cast<char*>(t.utf8.data());
-        char* o = reinterpret_cast<char*>(out);
-        iconv(cd, nullptr, nullptr, nullptr, nullptr);
-        iconv(cd, &in, &inLeft, &o, &outLeft);
-        *reinterpret_cast<wchar_t*>(o) = 0;
-        benchmark::DoNotOptimize(out);
-        std::free(out);
-    }
-    iconv_close(cd);
-    done(st, t);
-}
-void to_wide_mbstowcs(benchmark::State& st, int which) {
-    const Text& t = text(which);
-    utf8_locale_for_this_thread();
-    for (auto _ : st) {
-        auto* out = static_cast<wchar_t*>(std::malloc((t.utf8.size() + 1) * sizeof(wchar_t)));
-        benchmark::DoNotOptimize(std::mbstowcs(out, t.utf8.c_str(), t.utf8.size() + 1));
-        std::free(out);
-    }
-    done(st, t);
-}
-
-// ---- wide to UTF-8 ----
-void from_wide_permissive(benchmark::State& st, int which) {
-    const Text& t = text(which);
-    for (auto _ : st) {
-        char* s = unicodeStr_to_utf8Str(t.units.data());
-        benchmark::DoNotOptimize(s);
-        ORV_StrMemFree(s);
-    }
-    done(st, t);
-}
-void from_wide_table(benchmark::State& st, int which) {
-    const Text& t = text(which);
-    for (auto _ : st) {
-        char* s = ORV_UnicodeToUtf8(t.wide.data());
-        benchmark::DoNotOptimize(s);
-        ORV_StrMemFree(s);
-    }
-    done(st, t);
-}
-void from_wide_iconv(benchmark::State& st, int which) {
-    const Text& t = text(which);
-    iconv_t cd = iconv_open("UTF-8", "WCHAR_T");
-    std::size_t units = t.wide.size() - 1;
-    for (auto _ : st) {
-        std::size_t inLeft = units * sizeof(wchar_t), outLeft = 4 * units;
-        auto* out = static_cast<char*>(std::malloc(outLeft + 1));
-        char* in = reinterpret_cast<char*>(const_cast<wchar_t*>(t.wide.data()));
+// n conversions with iconv of `bytes` input bytes into a buffer of outBytes,
+// which is then terminated with `term` zero bytes.
+void with_iconv(u64 n, const char* to, const char* from, const void* input, std::size_t bytes, std::size_t outBytes,
+                std::size_t term) {
+    iconv_t cd = iconv_open(to, from);
+    if (cd == reinterpret_cast<iconv_t>(-1)) throw bench::Skip("iconv_open failed");
+    for (u64 i = 0; i < n; ++i) {
+        std::size_t inLeft = bytes, outLeft = outBytes;
+        auto* out = static_cast<char*>(std::malloc(outBytes + term));
+        char* in = static_cast<char*>(const_cast<void*>(input));
         char* o = out;
         iconv(cd, nullptr, nullptr, nullptr, nullptr);
         iconv(cd, &in, &inLeft, &o, &outLeft);
-        *o = '\0';
-        benchmark::DoNotOptimize(out);
+        for (std::size_t k = 0; k < term; ++k)
+            o[k] = 0;
+        keep(out);
         std::free(out);
     }
     iconv_close(cd);
-    done(st, t);
 }
-void from_wide_wcstombs(benchmark::State& st, int which) {
-    const Text& t = text(which);
-    utf8_locale_for_this_thread();
-    std::size_t size = 4 * (t.wide.size() - 1) + 1;
-    for (auto _ : st) {
-        auto* out = static_cast<char*>(std::malloc(size));
-        benchmark::DoNotOptimize(std::wcstombs(out, t.wide.data(), size));
-        std::free(out);
+
+const bench::Registrar reg([] {
+    for (int w = 0; w < 4; ++w) {
+        std::string on = std::string(".") + kTextNames[w];
+        auto to_wide = [w](u64 n) {
+            const Text& t = text(w);
+            with_iconv(n, "WCHAR_T", "UTF-8", t.utf8.data(), t.utf8.size(), t.utf8.size() * sizeof(wchar_t),
+                       sizeof(wchar_t));
+        };
+        auto from_wide = [w](u64 n) {
+            const Text& t = text(w);
+            std::size_t units = t.wide.size() - 1;
+            with_iconv(n, "UTF-8", "WCHAR_T", t.wide.data(), units * sizeof(wchar_t), 4 * units, 1);
+        };
+        bench::pair(
+            "text.utf8Str_to_unicodeStr" + on, "utf8Str_to_unicodeStr",
+            [w](u64 n) {
+                for (u64 i = 0; i < n; ++i) {
+                    u32* s = utf8Str_to_unicodeStr(text(w).utf8.c_str());
+                    keep(s);
+                    ORV_StrMemFree(s);
+                }
+            },
+            "iconv UTF-8 → WCHAR_T", to_wide);
+        bench::pair(
+            "text.ORV_Utf8ToUnicodeW" + on, "ORV_Utf8ToUnicodeW",
+            [w](u64 n) {
+                for (u64 i = 0; i < n; ++i) {
+                    wchar_t* s = ORV_Utf8ToUnicodeW(text(w).utf8.c_str());
+                    keep(s);
+                    ORV_StrMemFree(s);
+                }
+            },
+            "iconv UTF-8 → WCHAR_T", to_wide);
+        bench::pair(
+            "text.unicodeStr_to_utf8Str" + on, "unicodeStr_to_utf8Str",
+            [w](u64 n) {
+                for (u64 i = 0; i < n; ++i) {
+                    char* s = unicodeStr_to_utf8Str(text(w).units.data());
+                    keep(s);
+                    ORV_StrMemFree(s);
+                }
+            },
+            "iconv WCHAR_T → UTF-8", from_wide);
+        bench::pair(
+            "text.ORV_UnicodeToUtf8" + on, "ORV_UnicodeToUtf8",
+            [w](u64 n) {
+                for (u64 i = 0; i < n; ++i) {
+                    char* s = ORV_UnicodeToUtf8(text(w).wide.data());
+                    keep(s);
+                    ORV_StrMemFree(s);
+                }
+            },
+            "iconv WCHAR_T → UTF-8", from_wide);
     }
-    done(st, t);
-}
-
-using Fn = void (*)(benchmark::State&, int);
-
-void register_pairs(const char* function, Fn qosa, Fn iconvPeer, const char* libcName, Fn libcPeer) {
-    for (int which = 0; which < 4; ++which) {
-        std::string base = std::string(function) + "/" + kTextNames[which] + "/";
-        for (auto [peerName, peer] : {std::pair<const char*, Fn>{"iconv", iconvPeer}, {libcName, libcPeer}}) {
-            benchmark::RegisterBenchmark((base + peerName + ".qosa").c_str(), qosa, which)
-                ->Unit(benchmark::kMicrosecond);
-            benchmark::RegisterBenchmark((base + peerName + ".peer").c_str(), peer, which)
-                ->Unit(benchmark::kMicrosecond);
-        }
-    }
-}
-
-const int s_registered = [] {
-    register_pairs("utf8Str_to_unicodeStr", to_wide_qosa<u32, utf8Str_to_unicodeStr>, to_wide_iconv, "mbstowcs",
-                   to_wide_mbstowcs);
-    register_pairs("ORV_Utf8ToUnicodeW", to_wide_qosa<wchar_t, ORV_Utf8ToUnicodeW>, to_wide_iconv, "mbstowcs",
-                   to_wide_mbstowcs);
-    register_pairs("unicodeStr_to_utf8Str", from_wide_permissive, from_wide_iconv, "wcstombs", from_wide_wcstombs);
-    register_pairs("ORV_UnicodeToUtf8", from_wide_table, from_wide_iconv, "wcstombs", from_wide_wcstombs);
-    return 0;
-}();
+});
 
 } // namespace

@@ -1,20 +1,22 @@
-/* Basic types and export marker shared by every libqosa header. */
+/** @file
+ * Basic types and export marker shared by every libqosa header. */
 #ifndef QOSA_TYPES_H
 #define QOSA_TYPES_H
 
 #include <stddef.h>
 #include <stdint.h>
 
-typedef uint8_t u8;
-typedef uint16_t u16;
-typedef uint32_t u32;
-typedef uint64_t u64;
-typedef int8_t s8;
-typedef int16_t s16;
-typedef int32_t s32;
-typedef int64_t s64;
+typedef uint8_t u8;   /**< Unsigned 8-bit integer. */
+typedef uint16_t u16; /**< Unsigned 16-bit integer. */
+typedef uint32_t u32; /**< Unsigned 32-bit integer. */
+typedef uint64_t u64; /**< Unsigned 64-bit integer. */
+typedef int8_t s8;    /**< Signed 8-bit integer. */
+typedef int16_t s16;  /**< Signed 16-bit integer. */
+typedef int32_t s32;  /**< Signed 32-bit integer. */
+typedef int64_t s64;  /**< Signed 64-bit integer. */
 
-/* Marks a name as part of the library's exported interface. Everything not
+/** @def QOSA_API
+ * Marks a name as part of the library's exported interface. Everything not
  * marked stays hidden (the library is built with -fvisibility=hidden). */
 #if defined(__GNUC__) || defined(__clang__)
 #define QOSA_API __attribute__((visibility("default")))
@@ -22,6 +24,10 @@ typedef int64_t s64;
 #define QOSA_API
 #endif
 
+/** @def QOSA_EXTERN_C_BEGIN
+ * Opens C linkage for the declarations that follow when compiled as C++.
+ * @def QOSA_EXTERN_C_END
+ * Closes what QOSA_EXTERN_C_BEGIN opened. */
 #ifdef __cplusplus
 #define QOSA_EXTERN_C_BEGIN extern "C" {
 #define QOSA_EXTERN_C_END }
@@ -30,7 +36,7 @@ typedef int64_t s64;
 #define QOSA_EXTERN_C_END
 #endif
 
-/* The all-ones 32-bit failure value of the wrappers. */
+/** The all-ones 32-bit failure value (-1 as u32) of the wrappers and services. */
 #define QOSA_ERROR 0xFFFFFFFFu
 
 #endif /* QOSA_TYPES_H */

@@ -1,6 +1,8 @@
 // Which sanitizer the test build runs under, for the few checks that a
 // sanitizer itself reports as an error (destroying a locked mutex, a
-// deliberate fault).
+// deliberate fault), and whether the tests run under a user-mode emulator
+// (the cross build's qemu-user, QOSA_TEST_EMULATED from the build), for the
+// few checks of what the emulator itself fakes or forwards differently.
 #pragma once
 
 #if defined(__has_feature)
@@ -28,5 +30,10 @@ inline constexpr bool kUnderTsan = false;
 inline constexpr bool kUnderAsan = true;
 #else
 inline constexpr bool kUnderAsan = false;
+#endif
+#ifdef QOSA_TEST_EMULATED
+inline constexpr bool kUnderEmulator = true;
+#else
+inline constexpr bool kUnderEmulator = false;
 #endif
 } // namespace qosa_test

@@ -24,19 +24,26 @@ using namespace qosa::stat;
 
 namespace {
 
-// This process under a 15-character name (the kernel's limit) of its own.
-const std::string g_me = [] {
-    std::string n = ("qosatest" + std::to_string(getpid()) + "xxxxxxx").substr(0, 15);
-    prctl(PR_SET_NAME, n.c_str());
-    return n;
-}();
-
-void release(void* p) { QOSA_MemTypeFreeD(p, QOSA_MEM_DYN, __LINE__, __FILE__); }
-
 std::string slurp(const char* path) {
     std::ifstream in(path);
     return {std::istreambuf_iterator<char>(in), {}};
 }
+
+// This process under a 15-character name (the kernel's limit) of its own.
+// qemu-user makes up the emulated process's own stat line (named after the
+// executable, times and sizes 0), and the scans see that line: under it this
+// process goes by that name (the build runs no two of these tests at once).
+const std::string g_me = [] {
+    std::string n = ("qosatest" + std::to_string(getpid()) + "xxxxxxx").substr(0, 15);
+    prctl(PR_SET_NAME, n.c_str());
+    if (qosa_test::kUnderEmulator) {
+        const std::string line = slurp("/proc/self/stat");
+        n = line.substr(line.find('(') + 1, line.rfind(')') - line.find('(') - 1);
+    }
+    return n;
+}();
+
+void release(void* p) { QOSA_MemTypeFreeD(p, QOSA_MEM_DYN, __LINE__, __FILE__); }
 
 // This process's figure in a scan. A process that exits meanwhile may fail a
 // scan or end it early: retried.
@@ -140,7 +147,10 @@ TEST(CpuBusyRate, MachineAndThisProcessWithTwoThreadsSpinning) {
     ASSERT_EQ(QOSA_OS_GetCPUBusyRateAll(&rate), 0u);
     const u32 floor = qosa_test::kUnderTsan || qosa_test::kUnderAsan ? 6000 : 8500;
     EXPECT_TRUE(rate >= floor && rate <= 10000) << rate;
-    EXPECT_GT(own_figure(QOSA_OS_GetCPUBusyRate), 0u) << "the box is shared: any share of it";
+    const u32 share = own_figure(QOSA_OS_GetCPUBusyRate);
+    if (!qosa_test::kUnderEmulator) { // which reports no ticks for this process
+        EXPECT_GT(share, 0u) << "the box is shared: any share of it";
+    }
 }
 
 TEST(MemAllocRate, AgainstMeminfoAndOwnStat) {
@@ -160,10 +170,13 @@ TEST(ProcThread, ThisProcessListsExactlyItsTasks) {
     std::set<s32> tasks;
     for (const auto& e : std::filesystem::directory_iterator("/proc/self/task"))
         tasks.insert(std::stoi(e.path().filename()));
-    for (const std::string& name : {g_me, g_me + "-longer-than-15"}) {
+    std::vector<std::string> names{g_me};
+    if (g_me.size() == 15) names.push_back(g_me + "-longer-than-15"); // the emulator's name may be shorter
+    for (const std::string& name : names) {
         std::set<s32> got;
         for (const QOSA_OS_THREAD_INFO_S& t : threads_of(name)) {
             EXPECT_TRUE(got.insert(t.iThreadId).second) << t.iThreadId;
+            if (qosa_test::kUnderEmulator && t.iThreadId == getpid()) continue; // its made-up line has no state
             EXPECT_LE(t.iState, QOSA_THREAD_STATE_DISK_WAIT) << "running, sleeping or in a page-in";
         }
         EXPECT_EQ(got, tasks) << name;
@@ -176,7 +189,7 @@ TEST(ProcThread, ThisProcessListsExactlyItsTasks) {
     const std::string out = testing::internal::GetCapturedStdout(),
                       line = "Can not find this process: ," + missing + " \n";
     EXPECT_TRUE(out.size() >= line.size() && out.compare(out.size() - line.size(), line.size(), line) == 0) << out;
-    EXPECT_TRUE(threads_of(g_me.substr(0, 14), 2).empty()) << "a shorter name is another name";
+    EXPECT_TRUE(threads_of(g_me.substr(0, g_me.size() - 1), 2).empty()) << "a shorter name is another name";
 }
 
 TEST(ProcThread, StoppedChildGivesFourAndZombieThree) {

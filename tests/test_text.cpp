@@ -107,13 +107,17 @@ TEST(LocaleText, EveryCallFollowsTheEnvironment) {
 }
 
 // A locale that could not be set up is tried again by the next call: an
-// uninstalled one, and one met while no descriptor is free (in a fresh
-// process, where the C library has loaded no locale yet).
+// uninstalled one, and one met while no descriptor is free (a name this
+// process has not used yet, in a child).
 TEST(LocaleText, AFailedSetUpDoesNotStick) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe"); // the child runs this test from its start
+    use_env_locale("xx_XX.NoSuchCharset");
+    EXPECT_EQ(take(ORV_Utf8ToLocale(kMixed.c_str())), "?");
     use_env_locale("C.UTF-8");
+    EXPECT_EQ(take(ORV_Utf8ToLocale(kMixed.c_str())), kMixed);
+
     EXPECT_EXIT(
         {
+            use_env_locale("C.utf8");
             rlimit lim{};
             getrlimit(RLIMIT_NOFILE, &lim);
             rlimit none = lim;
@@ -124,11 +128,6 @@ TEST(LocaleText, AFailedSetUpDoesNotStick) {
             std::exit(refused && take(ORV_Utf8ToLocale(kMixed.c_str())) == kMixed ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");
-
-    use_env_locale("xx_XX.NoSuchCharset");
-    EXPECT_EQ(take(ORV_Utf8ToLocale(kMixed.c_str())), "?");
-    use_env_locale("C.UTF-8");
-    EXPECT_EQ(take(ORV_Utf8ToLocale(kMixed.c_str())), kMixed);
 }
 
 TEST(Utf8Encoder, TheBlockIsZeroFromTheTerminatorToItsEnd) {

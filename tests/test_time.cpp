@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "qosa_time.h"
+#include "sanitizers.h"
 
 namespace qosa::time {
 u64 wall_ms(const timeval& tv);
@@ -140,7 +141,9 @@ TEST(SetSysTime, RefusalsLeaveTheClockAlone) {
             QOSA_SysTime t = at(r[0], r[1], r[2], r[3], r[4], r[5]);
             errno = 4321;
             u32 res = i < 8 ? QOSA_SetSysTime(&t) : u32(QOSA_SetTimezone(0));
-            int want = i < 7 ? 4321 : i == 7 ? -1 : EPERM; // the kernel, not the C library, must refuse the zone
+            // The kernel, not the C library, must refuse the zone. qemu-user forwards the system call
+            // through the host's C library, which refuses a time and a zone together with EINVAL.
+            int want = i < 7 ? 4321 : i == 7 || qosa_test::kUnderEmulator ? -1 : EPERM;
             if (res != 0xFFFFFFFFu || (want == -1 ? errno != EPERM && errno != EINVAL : errno != want)) _exit(1 + i);
         }
         _exit(0);

@@ -1,4 +1,5 @@
 // The library's mutex and the pass-through read-write locks.
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
@@ -9,14 +10,16 @@
 static_assert(offsetof(QosaMutex, mutex) == 0, "the platform mutex comes first");
 static_assert(offsetof(QosaMutex, ulMagic1) == sizeof(pthread_mutex_t), "marker words follow the platform mutex");
 static_assert(offsetof(QosaMutex, ulMagic2) == offsetof(QosaMutex, ulMagic1) + 4);
-static_assert(offsetof(QosaMutex, ulMagic1) % 8 == 0, "the marker pair is written as one 64-bit store");
+static_assert(offsetof(QosaMutex, ulMagic1) % 8 == 0 && alignof(QosaMutex) >= 8,
+              "the marker pair is read and written as one aligned 64-bit word");
 static_assert(sizeof(QosaMutex) == sizeof(pthread_mutex_t) + 8);
 
 namespace {
 
 // The two marker words as one 64-bit value, in memory order.
 constexpr std::uint64_t pair(std::uint32_t first, std::uint32_t second) {
-    return (std::uint64_t{second} << 32) | first; // little-endian host
+    if constexpr (std::endian::native == std::endian::little) return (std::uint64_t{second} << 32) | first;
+    return (std::uint64_t{first} << 32) | second;
 }
 constexpr std::uint64_t kStatic = pair(QOSA_MUTEX_MAGIC1, QOSA_MUTEX_MAGIC2);
 constexpr std::uint64_t kLive = ~std::uint64_t{0};
@@ -34,8 +37,7 @@ pthread_mutex_t s_initStripes[16] = {
     PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
 };
 
-int bring_to_life(QosaMutex* m) {
-    if (__atomic_load_n(markers(m), __ATOMIC_ACQUIRE) != kStatic) return 0;
+[[gnu::noinline, gnu::cold]] int init_static(QosaMutex* m) {
     auto stripe = (reinterpret_cast<std::uintptr_t>(m) >> 6) % std::size(s_initStripes);
     pthread_mutex_lock(&s_initStripes[stripe]);
     int ret = 0;
@@ -47,6 +49,13 @@ int bring_to_life(QosaMutex* m) {
     }
     pthread_mutex_unlock(&s_initStripes[stripe]);
     return ret;
+}
+
+// 0 once m is live: one acquire load when it is (the path every lock but
+// the first takes, inlined so that the lock goes straight on to the
+// platform's), else the first-lock initialisation.
+inline int bring_to_life(QosaMutex* m) {
+    return __atomic_load_n(markers(m), __ATOMIC_ACQUIRE) != kStatic ? 0 : init_static(m);
 }
 
 } // namespace

@@ -111,7 +111,9 @@ s64 QOSA_Ultostr(char* buffer, u64 size, u32 value, u32 radix) {
 #include "qosa_text.h"
 #include "internal/utf8.h"
 
-static_assert(sizeof(wchar_t) == 4 && static_cast<wchar_t>(-1) < 0, "wide strings are signed 32-bit units");
+// Wide units are read as s32 whatever the signedness of wchar_t (signed on
+// x86-64, unsigned on arm64), so both see the same values.
+static_assert(sizeof(wchar_t) == 4, "wide strings are 32-bit units");
 static_assert(sizeof(QOSA_UTF8_TB_S) == 32 && offsetof(QOSA_UTF8_TB_S, shift) == 8 &&
                   offsetof(QOSA_UTF8_TB_S, lmask) == 16 && offsetof(QOSA_UTF8_TB_S, lval) == 24,
               "sequence table row layout");

@@ -1,6 +1,8 @@
 // Relative timer groups: a fixed set of periodic relative timers sharing one
 // callback, each member started and stopped by its number. Built on the
-// public timer interface only; the group has no lock of its own.
+// public timer interface, except for the release of the group's memory,
+// which is queued in a request reserved with the group; the group has no
+// lock of its own.
 #define QOSA_UNIT_NAME "tmr_group.c"
 
 #include <cerrno>
@@ -39,13 +41,28 @@ constexpr u32 kFreeInvalidGroup = 0x20160047;
 constexpr u32 kFreeMemberFailed = 0x20160048;
 
 void* take(std::size_t size) { return QOSA_MemTypeMallocD(static_cast<u32>(size), QOSA_MEM_DYN, QOSA_HERE); }
+void give_back(void* p) { QOSA_MemTypeFreeD(p, QOSA_MEM_DYN, QOSA_HERE); }
+
+// A group as allocated: the caller's record, then the request that releases
+// it, reserved with it so that freeing the group never needs memory.
+struct GroupBlock {
+    QOSA_RelTimerGrp grp;
+    qosa::timer::OwnedTasklet release;
+};
+static_assert(offsetof(GroupBlock, grp) == 0, "the caller's record is the block");
+
+void release_now(void* p) {
+    auto* block = static_cast<GroupBlock*>(p);
+    if (block->grp.entries != nullptr) give_back(block->grp.entries);
+    give_back(block);
+}
 
 // The group's memory goes on the timer thread, behind the queued frees of
-// its member timers. When the service refuses (it is stopping or stopped) and
-// no longer runs, no member callback can run either, so it goes at once.
-void release(void* p) {
-    if (QOSA_FreeRelTimerArg_safe(p) != 0 && qosa::timer::service_set_up() == 0)
-        QOSA_MemTypeFreeD(p, QOSA_MEM_DYN, QOSA_HERE);
+// its member timers, so no member callback can still read it. When the
+// relative timers are not set up, no callback can run: it goes at once.
+void release(QOSA_RelTimerGrp* grp) {
+    auto* block = reinterpret_cast<GroupBlock*>(grp);
+    if (!qosa::timer::reltm_post_release(&block->release, release_now, block)) release_now(block);
 }
 
 } // namespace
@@ -56,9 +73,10 @@ u32 QOSA_InitReltimerGrp(QOSA_RelTimerGrp** out, u32 count, QOSA_GrpTimeoutProc 
     if (out == nullptr) return kNullOut;
     if (proc == nullptr) return kNullProc;
     if (count > __atomic_load_n(&ulMaxReltmNum, __ATOMIC_RELAXED)) return kTooMany;
-    auto* grp = static_cast<QOSA_RelTimerGrp*>(take(sizeof(QOSA_RelTimerGrp)));
-    if (grp == nullptr) return kNoMemory;
-    memset_s(grp, sizeof *grp, 0, sizeof *grp);
+    auto* block = static_cast<GroupBlock*>(take(sizeof(GroupBlock)));
+    if (block == nullptr) return kNoMemory;
+    memset_s(block, sizeof *block, 0, sizeof *block);
+    QOSA_RelTimerGrp* grp = &block->grp;
     grp->valid = 1;
     grp->proc = proc;
     grp->count = count;
@@ -66,7 +84,7 @@ u32 QOSA_InitReltimerGrp(QOSA_RelTimerGrp** out, u32 count, QOSA_GrpTimeoutProc 
     const std::size_t bytes = std::size_t{count} * sizeof(QOSA_RelTimerGrpEntry);
     auto* entries = bytes > UINT32_MAX ? nullptr : static_cast<QOSA_RelTimerGrpEntry*>(take(bytes));
     if (entries == nullptr) {
-        QOSA_MemTypeFreeD(grp, QOSA_MEM_DYN, QOSA_HERE);
+        give_back(block);
         return kNoMemory;
     }
     memset_s(entries, bytes, 0, bytes);
@@ -122,19 +140,15 @@ u32 QOSA_StopRelTimerofGrp(QOSA_RelTimerGrp* grp, u32 index) {
 u32 QOSA_FreeRelTimerGrp(QOSA_RelTimerGrp* grp) {
     if (grp == nullptr) return kFreeNullGroup;
     if (grp->valid != 1) return kFreeInvalidGroup;
-    if (grp->entries != nullptr) {
-        for (u32 i = 0; i < grp->count; ++i) {
-            QOSA_RelTimerGrpEntry* m = &grp->entries[i];
-            if (m->timer == nullptr) continue;
-            // 22: the timer is already gone (the service was stopped since).
-            if (u32 r = QOSA_FreeRelTimer(m->timer); r != 0 && r != EINVAL) return kFreeMemberFailed;
-            m->timer = nullptr; // a retry after a failure does not free it twice
-            m->started = 0;
-        }
-        QOSA_RelTimerGrpEntry* entries = grp->entries;
-        grp->entries = nullptr;
-        release(entries);
+    for (u32 i = 0; grp->entries != nullptr && i < grp->count; ++i) {
+        QOSA_RelTimerGrpEntry* m = &grp->entries[i];
+        if (m->timer == nullptr) continue;
+        // 22: the timer is already gone (the service was stopped since).
+        if (u32 r = QOSA_FreeRelTimer(m->timer); r != 0 && r != EINVAL) return kFreeMemberFailed;
+        m->timer = nullptr; // a retry after a failure does not free it twice
+        m->started = 0;
     }
+    grp->valid = 0; // refused from here on: its release is queued once
     release(grp);
     return 0;
 }

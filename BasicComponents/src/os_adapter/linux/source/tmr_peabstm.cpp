@@ -2,7 +2,9 @@
 // second. Callers check handles under absIndexLock and queue requests on
 // _abstsklets; the timer thread carries them out at the start of its absolute
 // pass (the tick hook of period 100, about once a second) and owns the active
-// list, which therefore has no lock.
+// list, which therefore has no lock. The release of a QOSA_TIMER_ONCE_FREE
+// timer after it fired goes in the request embedded in its record, so the
+// timer thread never needs memory for it.
 #define QOSA_UNIT_NAME "tmr_peabstm.c"
 
 #include <cerrno>
@@ -26,6 +28,7 @@ struct abstimer {
     struct tm when; // month 0-11, year from 1900, -1 = any
     void* arg;      // written on the timer thread, read by safeEx under the index lock
     s32 index;
+    qosa::timer::OwnedTasklet own; // its release after firing (QOSA_TIMER_ONCE_FREE), queued once
 };
 static_assert(offsetof(abstimer, next) == 0 && offsetof(abstimer, prev) == sizeof(void*),
               "the list head shares the first two links of a record");
@@ -150,8 +153,10 @@ bool still_live(const abstimer* t) {
 bool after_firing(abstimer* t) {
     if ((t->mode & QOSA_TIMER_ONCE_FREE) != 0) {
         MutexGuard lock(&absIndexLock);
-        void** slot = slot_of(t);
-        if (slot != nullptr && release_timer(slot, t) != 0) unlink(t); // no memory: at least it fires no more
+        if (void** slot = slot_of(t); slot != nullptr) {
+            qosa::timer::tsklet_post(&_abstsklets, &t->own, _rmtimer, t, qosa::timer::QueueAt::back);
+            s_index.release(slot);
+        }
         return false;
     }
     if ((t->mode & QOSA_TIMER_ONCE) != 0) {

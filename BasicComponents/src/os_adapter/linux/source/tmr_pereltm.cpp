@@ -5,6 +5,8 @@
 // count and queue requests on _tsklets (always while holding relIndexLock, so
 // the queue order follows the order of the handle tests). The timer thread
 // drains _tsklets at the start of every pass and alone touches the wheel.
+// What it queues for a timer itself (a re-arm, a release after firing) goes
+// in the request embedded in the record, so it never needs memory.
 #define QOSA_UNIT_NAME "tmr_pereltm.c"
 
 #include <cerrno>
@@ -28,6 +30,9 @@ void** g_pRelTail = nullptr;
 
 namespace {
 
+using qosa::timer::QueueAt;
+using qosa::timer::tsklet_post;
+
 struct Link {
     Link* next;
     Link* prev;
@@ -44,6 +49,11 @@ struct reltimer {
     s32 index;
     u32 line;         // atomic: set by the creator, read by the warning
     const char* file; // atomic, likewise
+    // The timer thread's own request for this timer: the re-arm of a periodic
+    // one or the release of a QOSA_TIMER_ONCE_FREE one. Queued only when the
+    // timer fires, which it cannot do again before the request ran (it is off
+    // the wheel until then), so one suffices.
+    qosa::timer::OwnedTasklet own;
 };
 static_assert(offsetof(reltimer, link) == 0, "a record is reached from its list link");
 
@@ -210,7 +220,7 @@ void _trigger_a_reltimer(reltimer* t) {
         // callback or another thread queues while it runs.
         MutexGuard lock(&relIndexLock);
         if (!accepting() || slot_of(t) == nullptr) return;
-        if (mode == QOSA_TIMER_LOOP) tsklet_invokefirst(&_tsklets, _do_restart_tm, t);
+        if (mode == QOSA_TIMER_LOOP) tsklet_post(&_tsklets, &t->own, _do_restart_tm, t, QueueAt::front);
     }
     u32 start = QOSA_GetSysRunTime();
     t->timeout_proc(__atomic_load_n(&t->arg, __ATOMIC_RELAXED));
@@ -223,8 +233,8 @@ void _trigger_a_reltimer(reltimer* t) {
     }
     if ((mode & QOSA_TIMER_ONCE_FREE) != 0) {
         MutexGuard lock(&relIndexLock);
-        void** slot = accepting() ? slot_of(t) : nullptr;
-        if (slot != nullptr && tsklet_invokelater(&_tsklets, _do_free_tm, t) == 0) {
+        if (void** slot = accepting() ? slot_of(t) : nullptr; slot != nullptr) {
+            tsklet_post(&_tsklets, &t->own, _do_free_tm, t, QueueAt::back);
             s_index.release(slot);
             count_down();
         }
@@ -276,6 +286,13 @@ void reltimer_set_origin(void* h, u32 line, const char* file) {
 
 void reltm_trigger(s64 n) { _reltm_trigger(n); }
 
+bool reltm_post_release(OwnedTasklet* t, tsklet_fn fn, void* arg) {
+    MutexGuard lock(&relIndexLock);
+    if (!s_relUp) return false;
+    tsklet_post(&_tsklets, t, fn, arg, QueueAt::back);
+    return true;
+}
+
 u32 reltm_tick_last() { return _tick_last; }
 
 } // namespace qosa::timer
@@ -321,10 +338,16 @@ u32 init_reltm(void) {
 
 u32 delinit_reltm(void) {
     {
-        // The callers are refused from here on; the lock orders this walk
-        // against their handle tests.
+        // The callers are refused from here on.
         MutexGuard lock(&relIndexLock);
         s_relUp = false;
+    }
+    // Releases posted while the service stopped, after the thread's last
+    // drain: no callback runs any more, so they are carried out now.
+    tsklet_invokeall(&_tsklets);
+    {
+        // The lock orders this walk against the callers' handle tests.
+        MutexGuard lock(&relIndexLock);
         tsklet_delinit(&_tsklets);
         if (_tm_hash != nullptr) {
             for (u32 i = 0; i < kBuckets; ++i) {
@@ -356,7 +379,7 @@ void* petimer_create_reltimer(QOSA_TimerProc proc, u32 mode) {
         errno = ENOMEM;
         return nullptr;
     }
-    *t = reltimer{{}, 0, 0, proc, nullptr, mode & 0xFFu, 0, -1, 0xDEADDEADu, nullptr};
+    *t = reltimer{{}, 0, 0, proc, nullptr, mode & 0xFFu, 0, -1, 0xDEADDEADu, nullptr, {}};
     self_link(t);
     {
         MutexGuard lock(&relIndexLock);

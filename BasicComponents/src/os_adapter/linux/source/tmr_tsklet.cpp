@@ -5,16 +5,24 @@
 // without it, so a tasklet (a stop's completion callback, say) may queue to
 // the very queue being drained; what it queues runs at the next drain, after
 // the rest of the batch.
+//
+// Beside the tasklets that the queueing functions allocate, a queue takes
+// tasklets in storage of their owners (OwnedTasklet): the timer thread's own
+// requests, which must not fail for want of memory.
 #define QOSA_UNIT_NAME "tmr_tsklet.c"
 
 #include <cerrno>
 #include <cstddef>
 
 #include "internal/common.h"
+#include "internal/timer_service.h"
 #include "qosa_mem.h"
 #include "qosa_timer.h"
 
 namespace {
+
+using qosa::timer::OwnedTasklet;
+using qosa::timer::QueueAt;
 
 tsklet* as_node(tsklet_head* q) { return reinterpret_cast<tsklet*>(q); }
 
@@ -30,22 +38,45 @@ tsklet* make(tsklet_fn fn, void* arg) {
     return t;
 }
 
-enum class At { front, back };
-
-u32 enqueue(tsklet_head* q, tsklet_fn fn, void* arg, At at) {
-    if (q == nullptr || fn == nullptr) return EINVAL;
-    tsklet* t = make(fn, arg);
-    if (t == nullptr) return ENOMEM;
+void link_in(tsklet_head* q, tsklet* t, QueueAt at) {
     MutexGuard lock(&q->lock);
-    tsklet* before = at == At::back ? as_node(q) : q->next; // t goes in front of this one
+    tsklet* before = at == QueueAt::back ? as_node(q) : q->next; // t goes in front of this one
     t->next = before;
     t->prev = before->prev;
     before->prev->next = t;
     before->prev = t;
+}
+
+u32 enqueue(tsklet_head* q, tsklet_fn fn, void* arg, QueueAt at) {
+    if (q == nullptr || fn == nullptr) return EINVAL;
+    tsklet* t = make(fn, arg);
+    if (t == nullptr) return ENOMEM;
+    link_in(q, t, at);
     return 0;
 }
 
+// The call of every owned tasklet; the drain knows them by it.
+void run_owned(void* p) {
+    auto* t = static_cast<OwnedTasklet*>(p);
+    t->fn(t->arg);
+}
+
+// Whether the queue allocated t (and so frees it).
+bool allocated(const tsklet* t) { return t->fn != run_owned; }
+
 } // namespace
+
+namespace qosa::timer {
+
+void tsklet_post(tsklet_head* q, OwnedTasklet* t, tsklet_fn fn, void* arg, QueueAt at) {
+    t->node.fn = run_owned;
+    t->node.arg = t;
+    t->fn = fn;
+    t->arg = arg;
+    link_in(q, &t->node, at);
+}
+
+} // namespace qosa::timer
 
 // tsklet_head starts with the same two links as a tasklet, so the head is a
 // node of its own circular list.
@@ -61,9 +92,9 @@ s32 tsklet_init(tsklet_head* q) {
     return QOSA_MutexInit(&q->lock, nullptr);
 }
 
-u32 tsklet_invokelater(tsklet_head* q, tsklet_fn fn, void* arg) { return enqueue(q, fn, arg, At::back); }
+u32 tsklet_invokelater(tsklet_head* q, tsklet_fn fn, void* arg) { return enqueue(q, fn, arg, QueueAt::back); }
 
-u32 tsklet_invokefirst(tsklet_head* q, tsklet_fn fn, void* arg) { return enqueue(q, fn, arg, At::front); }
+u32 tsklet_invokefirst(tsklet_head* q, tsklet_fn fn, void* arg) { return enqueue(q, fn, arg, QueueAt::front); }
 
 s32 tsklet_invokeall(tsklet_head* q) {
     if (q == nullptr) return -1;
@@ -78,8 +109,9 @@ s32 tsklet_invokeall(tsklet_head* q) {
     s32 ret = QOSA_MutexUnLock(&q->lock);
     while (first != nullptr) {
         tsklet* next = first->next;
+        const bool mine = allocated(first); // an owned one may be gone after its call
         first->fn(first->arg);
-        QOSA_MemTypeFreeD(first, 0, QOSA_HERE);
+        if (mine) QOSA_MemTypeFreeD(first, 0, QOSA_HERE);
         first = next;
     }
     return ret;
@@ -91,7 +123,7 @@ u32 tsklet_delinit(tsklet_head* q) {
     tsklet* t = q->next;
     while (t != as_node(q)) {
         tsklet* next = t->next;
-        QOSA_MemTypeFreeD(t, 0, QOSA_HERE);
+        if (allocated(t)) QOSA_MemTypeFreeD(t, 0, QOSA_HERE);
         t = next;
     }
     q->next = as_node(q);

@@ -31,11 +31,12 @@ constexpr std::uint32_t kClaimedSleeping = 5; // claimed, and asleep until the g
 constexpr std::uint32_t kYielding = 6;        // queued, done spinning, letting others run once before it sleeps
 static_assert(kSpinMaxNs <= UINT16_MAX / 2, "the learnt spin time moves within a 16-bit field");
 
+// A spin-wait hint: lets the sibling hardware thread run and saves power.
 void cpu_relax() {
 #if defined(__x86_64__) || defined(__i386__)
     __builtin_ia32_pause();
-#elif defined(__aarch64__)
-    asm volatile("yield");
+#elif defined(__aarch64__) || defined(__arm__)
+    __asm__ __volatile__("yield" ::: "memory");
 #endif
 }
 

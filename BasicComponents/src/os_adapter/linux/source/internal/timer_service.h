@@ -14,6 +14,27 @@ namespace qosa::timer {
 // 1 while the service is set up and its thread was created (tmr_petimer).
 u8 service_set_up();
 
+// ---- Requests in storage reserved beforehand ----
+
+// A tasklet whose storage its owner reserved (inside a timer record, say), so
+// queueing it needs no memory and cannot fail. The drain runs fn(arg) and
+// leaves the storage alone (fn may free it); tsklet_delinit discards it
+// likewise. Queue it again only once it has run.
+struct OwnedTasklet {
+    tsklet node; // what the queue links; its call forwards to fn(arg)
+    tsklet_fn fn;
+    void* arg;
+};
+enum class QueueAt { front, back };
+void tsklet_post(tsklet_head* q, OwnedTasklet* t, tsklet_fn fn, void* arg, QueueAt at);
+
+// Queues fn(arg) at the end of the relative requests in t: what
+// QOSA_FreeRelTimerArg_safe does for a release, without memory, and also
+// while the service stops (its teardown runs it then). false when the
+// relative timers are not set up: nothing queued would run, and no relative
+// callback can run either.
+bool reltm_post_release(OwnedTasklet* t, tsklet_fn fn, void* arg);
+
 // Records the source position of a fresh relative timer (named by the
 // long-callback warning). Ignored for a handle that fails the handle test.
 void reltimer_set_origin(void* h, u32 line, const char* file);
