@@ -214,20 +214,18 @@ u32 listening_port() {
 }
 
 // A call that returns a new block (released with free_it) holding `want`.
-Row block_row(const char* name, std::function<void*()> make, const void* want, std::size_t bytes,
-              void (*free_it)(void*) = ORV_StrMemFree) {
-    return {name,
-            [=](Ctx&) { return as_r(make()); },
-            F(0),
-            [=](Ctx&, R r) { return std::memcmp(ptr(r), want, bytes) == 0; },
-            [=](Ctx&, R r) {
-                free_it(ptr(r));
-                qosa::text::reset_env_locale(); // the conversions' cached locale is no leak
-            },
-            nullptr};
+Row block_row(const char* name, std::function<R(Ctx&)> call, const void* want, std::size_t bytes,
+              void (*free_it)(void*) = ORV_StrMemFree, unsigned flags = 0) {
+    auto same = [=](Ctx&, R r) { return std::memcmp(ptr(r), want, bytes) == 0; };
+    auto release = [=](Ctx&, R r) {
+        free_it(ptr(r));
+        qosa::text::reset_env_locale(); // the conversions' cached locale is no leak
+    };
+    return {name, std::move(call), F(0), same, release, nullptr, flags};
 }
 
 const char kText[] = "h\xC3\xA9llo";
+const char kZeros[12] = {};
 const wchar_t kWide[] = L"h\u00E9llo";
 const char kLatin[] = "h\xE9llo";
 const u32 kUnits[] = {'h', 0xE9, 'l', 'l', 'o', 0};
@@ -300,27 +298,22 @@ const std::vector<Row>& rows() {
         Row{"QOSA_FreeRelTimerGrp", CALL(QOSA_FreeRelTimerGrp(c.grp)), F(0x20160048), nullptr,
             DO(r == 0 && full_group(c)), SETUP(full_group(c)), KeepsOnFailure},
 
-        block_row(
-            "ORV_Utf8ToUnicodeW", [] { return ORV_Utf8ToUnicodeW(kText); }, kWide, sizeof kWide),
-        block_row(
-            "ORV_Utf8ToUnicodeA", [] { return ORV_Utf8ToUnicodeA(kText); }, kLatin, sizeof kLatin),
-        block_row(
-            "ORV_UnicodeToUtf8", [] { return ORV_UnicodeToUtf8(kWide); }, kText, sizeof kText),
-        block_row(
-            "ORV_UnicodeToLocale", [] { return ORV_UnicodeToLocale(L"abc"); }, "abc", 4),
-        block_row(
-            "ORV_LocaleToUnicodeW", [] { return ORV_LocaleToUnicodeW("abc"); }, L"abc", sizeof L"abc"),
-        block_row(
-            "ORV_LocaleToUtf8", [] { return ORV_LocaleToUtf8("abc"); }, "abc", 4),
-        block_row(
-            "ORV_Utf8ToLocale", [] { return ORV_Utf8ToLocale("abc"); }, "abc", 4),
-        block_row(
-            "unicodeStr_to_utf8Str", [] { return unicodeStr_to_utf8Str(kUnits); }, kText, sizeof kText),
-        block_row(
-            "utf8Str_to_unicodeStr", [] { return utf8Str_to_unicodeStr(kText); }, kUnits, sizeof kUnits),
-        block_row(
-            "QOSA_StrDupEx", [] { return QOSA_StrDupEx("dup", __LINE__, __FILE__); }, "dup", 4, tracked_free),
+        block_row("ORV_Utf8ToUnicodeW", CALL(ORV_Utf8ToUnicodeW(kText)), kWide, sizeof kWide),
+        // Long multi-byte text is moved to a block of its size.
+        block_row("ORV_Utf8ToUnicodeW_long", CALL(ORV_Utf8ToUnicodeW(kEuros.c_str())), kWideEuros.c_str(),
+                  sizeof(wchar_t) * 401),
+        block_row("ORV_Utf8ToUnicodeA", CALL(ORV_Utf8ToUnicodeA(kText)), kLatin, sizeof kLatin),
+        block_row("ORV_UnicodeToUtf8", CALL(ORV_UnicodeToUtf8(kWide)), kText, sizeof kText),
+        block_row("ORV_UnicodeToLocale", CALL(ORV_UnicodeToLocale(L"abc")), "abc", 4),
+        block_row("ORV_LocaleToUnicodeW", CALL(ORV_LocaleToUnicodeW("abc")), L"abc", sizeof L"abc"),
+        block_row("ORV_LocaleToUtf8", CALL(ORV_LocaleToUtf8("abc")), "abc", 4),
+        block_row("ORV_Utf8ToLocale", CALL(ORV_Utf8ToLocale("abc")), "abc", 4),
+        block_row("unicodeStr_to_utf8Str", CALL(unicodeStr_to_utf8Str(kUnits)), kText, sizeof kText),
+        block_row("utf8Str_to_unicodeStr", CALL(utf8Str_to_unicodeStr(kText)), kUnits, sizeof kUnits),
+        block_row("QOSA_StrDupEx", CALL(QOSA_StrDupEx("dup", __LINE__, __FILE__)), "dup", 4, tracked_free),
 
+        block_row("MemCallocMem", CALL(MemCallocMem(__FILE__, __LINE__, 3, 4)), kZeros, 12, tracked_free, TrackedOnly),
+        block_row("MemAlignMem", CALL(MemAlignMem(__FILE__, __LINE__, 0, 200)), "", 0, tracked_free, TrackedOnly),
         // When the block cannot grow, the old one stays as it was.
         Row{"MemReAllocMem", CALL(MemReAllocMem(__FILE__, __LINE__, c.h, 64)), F(0),
             IS(std::memcmp(ptr(r), "abcd", 4) == 0),
@@ -532,13 +525,14 @@ std::vector<Outcome> run(const Row& row, const std::vector<Case>& cases) {
     return outs;
 }
 
-// Every k near both ends of a long run of allocations, a sample in between.
+// Every k of the first 64 (the first turns of every loop: the scans of /proc
+// grow their arrays after 20 processes) and of the last 24, 12 in between.
 std::vector<long> plan(long n) {
-    constexpr long kEdge = 20, kMiddle = 10;
-    const long step = n > 2 * kEdge ? (n - 2 * kEdge) / kMiddle + 1 : 1;
+    constexpr long kHead = 64, kTail = 24, kMiddle = 12;
+    const long step = n > kHead + kTail ? (n - kHead - kTail) / kMiddle + 1 : 1;
     std::vector<long> ks;
     for (long k = 1; k <= n; ++k)
-        if (k <= kEdge || k > n - kEdge || (k - kEdge) % step == 0) ks.push_back(k);
+        if (k <= kHead || k > n - kTail || (k - kHead) % step == 0) ks.push_back(k);
     return ks;
 }
 
