@@ -294,9 +294,10 @@ const std::vector<Row>& rows() {
             KeepsOnFailure},
         Row{"QOSA_StopRelTimerofGrp", CALL(QOSA_StopRelTimerofGrp(c.grp, 0)), F(0x20160043), nullptr,
             DO(r == 0 && member_runs(c, 0)), SETUP(QOSA_InitReltimerGrp(&c.grp, 2, grp_hit), member_runs(c, 0))},
-        // A failed free leaves the members it had not reached; the next free takes them.
+        // A failed free leaves the members it had not reached: the caller frees again. The group's memory may
+        // wait for the service's teardown (the stop here), but no longer.
         Row{"QOSA_FreeRelTimerGrp", CALL(QOSA_FreeRelTimerGrp(c.grp)), F(0x20160048), nullptr,
-            DO(r == 0 && full_group(c)), SETUP(full_group(c)), KeepsOnFailure},
+            DO(r != 0 && QOSA_FreeRelTimerGrp(c.grp), QOSA_StopTimerTask(), full_group(c)), SETUP(full_group(c))},
 
         block_row("ORV_Utf8ToUnicodeW", CALL(ORV_Utf8ToUnicodeW(kText)), kWide, sizeof kWide),
         // Long multi-byte text is moved to a block of its size.
@@ -444,8 +445,9 @@ rlimit limit_fds(long spare) {
     prctl(PR_SET_NAME, c.name);
     if (row.setup) row.setup(c);
     if (!(row.flags & NoWarm)) attempt(c, row, "warm-up");
-    if (petimer_getTreadId() != 0) std::this_thread::sleep_for(std::chrono::milliseconds(50)); // requests run
-    const State before = State::now();
+    State before = State::now();
+    for (State was{}; petimer_getTreadId() != 0 && !(was == before);) // until the timer thread ran what was queued
+        std::this_thread::sleep_for(std::chrono::milliseconds(20)), was = before, before = State::now();
 
     rlimit fds{};
     if (cs.fault == Fault::Fds) fds = limit_fds(cs.k);
