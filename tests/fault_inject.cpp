@@ -23,8 +23,6 @@ void __libc_free(void*);
 void* __interceptor_malloc(std::size_t) __attribute__((weak));
 void* __interceptor_calloc(std::size_t, std::size_t) __attribute__((weak));
 void* __interceptor_realloc(void*, std::size_t) __attribute__((weak));
-void* __interceptor_memalign(std::size_t, std::size_t) __attribute__((weak));
-void* __interceptor_aligned_alloc(std::size_t, std::size_t) __attribute__((weak));
 int __interceptor_posix_memalign(void**, std::size_t, std::size_t) __attribute__((weak));
 void __interceptor_free(void*) __attribute__((weak));
 int __interceptor_mprotect(void*, std::size_t, int) __attribute__((weak));
@@ -76,6 +74,10 @@ void* counted(void* p) {
     return p;
 }
 
+// The C library's, looked up before main so that no armed fault strikes the lookup.
+using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+const auto s_create = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
+
 struct Start {
     void* (*routine)(void*);
     void* arg;
@@ -85,10 +87,6 @@ void* start_ours(void* p) {
     __libc_free(p);
     t_ours = true;
     return s.routine(s.arg);
-}
-
-void* next_memalign(std::size_t a, std::size_t n) {
-    return __interceptor_memalign ? __interceptor_memalign(a, n) : __libc_memalign(a, n);
 }
 
 } // namespace
@@ -131,28 +129,15 @@ void* realloc(void* p, std::size_t n) {
     return r;
 }
 
-void* memalign(std::size_t a, std::size_t n) {
-    if (refuse()) return nullptr;
-    return counted(next_memalign(a, n));
-}
-
-void* aligned_alloc(std::size_t a, std::size_t n) {
-    if (refuse()) return nullptr;
-    return counted(__interceptor_aligned_alloc ? __interceptor_aligned_alloc(a, n) : __libc_memalign(a, n));
-}
-
 int posix_memalign(void** out, std::size_t a, std::size_t n) {
-    if (__interceptor_posix_memalign == nullptr && (a % sizeof(void*) != 0 || (a & (a - 1)) != 0)) return EINVAL;
     if (refuse()) return ENOMEM;
     if (__interceptor_posix_memalign) {
         int r = __interceptor_posix_memalign(out, a, n);
-        if (r == 0) counted(*out);
-        return r;
+        return r == 0 ? (counted(*out), 0) : r;
     }
+    if (a % sizeof(void*) != 0 || (a & (a - 1)) != 0) return EINVAL;
     void* p = counted(__libc_memalign(a, n));
-    if (p == nullptr) return ENOMEM;
-    *out = p;
-    return 0;
+    return p == nullptr ? ENOMEM : (*out = p, 0);
 }
 
 void free(void* p) {
@@ -177,10 +162,7 @@ int pthread_create(pthread_t* t, const pthread_attr_t* attr, void* (*routine)(vo
     auto* start = static_cast<Start*>(__libc_malloc(sizeof(Start))); // outside the count
     if (start == nullptr) return EAGAIN;
     *start = Start{routine, arg};
-    using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-    static auto next = __interceptor_pthread_create ? __interceptor_pthread_create
-                                                    : reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
-    int r = next(t, attr, start_ours, start);
+    int r = (__interceptor_pthread_create ? __interceptor_pthread_create : s_create)(t, attr, start_ours, start);
     if (r != 0) __libc_free(start);
     return r;
 }
