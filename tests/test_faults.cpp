@@ -41,7 +41,6 @@
 #include "internal/mem_table.h"
 #include "internal/utf8_codec.h"
 #include "qosa.h"
-#include "sanitizers.h"
 
 namespace qosa::text {
 void reset_env_locale();
@@ -541,7 +540,6 @@ std::vector<long> plan(long n) {
 class Faults : public ::testing::TestWithParam<Row> {};
 
 TEST_P(Faults, Sweep) {
-    if (qosa_test::kUnderTsan) GTEST_SKIP() << "thousands of children under TSan; the plain and ASan runs cover it";
     const Row& row = GetParam();
     s_cases[0] = s_cases[1] = 0;
     std::vector<Case> cases;
