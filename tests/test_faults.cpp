@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -87,7 +88,7 @@ enum Flags : unsigned {
     TrackedOnly = 4,    // a tracker primitive: tracking on only
     KeepsOnFailure = 8, // a failure leaves documented state that the next success takes back
     NoWarm = 16,        // no warm-up call (absolute timers: their requests go once a second)
-    Racy = 32,          // may fail without a fault (a process vanished mid-scan): retried as a caller would
+    Racy = 32,          // may fail without a fault (a /proc scan racing other processes): retried as a caller would
 };
 
 struct Row {
@@ -135,8 +136,15 @@ void complain(const char* fmt, ...) {
     va_start(args, fmt);
     std::vsnprintf(what, sizeof what, fmt, args);
     va_end(args);
-    std::fprintf(stderr, "[%s, tracking %s, %s %ld] %s\n", s_row->name, s_case.tracked ? "on" : "off",
-                 kFaultNames[static_cast<int>(s_case.fault)], s_case.k, what);
+    // What the library printed last (its diagnostics go to a memory file on standard output).
+    char said[160] = "";
+    std::fflush(stdout);
+    const off_t end = lseek(STDOUT_FILENO, 0, SEEK_END), from = end > 159 ? end - 159 : 0;
+    const ssize_t n = end > 0 ? pread(STDOUT_FILENO, said, static_cast<std::size_t>(end - from), from) : 0;
+    said[n > 0 ? n : 0] = '\0';
+    std::fprintf(stderr, "[%s, tracking %s, %s %ld] %s%s%s\n", s_row->name, s_case.tracked ? "on" : "off",
+                 kFaultNames[static_cast<int>(s_case.fault)], s_case.k, what, *said ? "; the library said: " : "",
+                 said);
     s_bad = true;
 }
 
@@ -343,7 +351,7 @@ const std::vector<Row>& rows() {
         Row{"QOSA_OS_GetMEMAllocRate", CALL(QOSA_OS_GetMEMAllocRate(&c.u, &c.v, &c.n, &c.procs)), F(1, 2),
             IS(r == 0 && c.n > 0 && c.u >= c.v), DO(tracked_free(c.procs), c.procs = nullptr), nullptr, Opens},
         Row{"QOSA_OS_GetProcThread", CALL(QOSA_OS_GetProcThread(c.name, &c.n, &c.threads)), F(1, 2),
-            IS(r == 0 && c.threads != nullptr), DO(tracked_free(c.threads)), nullptr, Opens},
+            IS(r == 0 && c.threads != nullptr), DO(tracked_free(c.threads)), nullptr, Opens | Racy},
 
         Row{"QOSA_SemOpen", CALL(QOSA_SemOpen(c.b, O_CREAT, 0600, 1)), F(0), nullptr,
             DO(QOSA_SemClose(ptr<QOSA_SEM_S>(r)), QOSA_SemUnLink(c.b)), SETUP(unique_name(c)), Opens},
@@ -425,14 +433,15 @@ rlimit limit_fds(long spare) {
 
 [[noreturn]] void child(const Row& row, const Case& cs, int out) {
     s_row = &row, s_case = cs;
-    int null = open("/dev/null", O_WRONLY); // the library's diagnostics
-    dup2(null, STDOUT_FILENO), close(null);
+    int said = memfd_create("said", 0); // the library's diagnostics, quoted by complain()
+    dup2(said, STDOUT_FILENO), close(said);
     tzset(); // the time zone is loaded once per process
     if (cs.tracked) QOSA_MemInitMemMange();
     Ctx c;
     if (mkdtemp(c.dir) == nullptr) std::exit(2);
     std::snprintf(c.a, sizeof c.a, "%s/a", c.dir), std::snprintf(c.b, sizeof c.b, "%s/b", c.dir);
-    std::snprintf(c.name, sizeof c.name, "qkid%d", getpid());
+    // Unique even beside another process tree whose numbers overlap this one's.
+    std::snprintf(c.name, sizeof c.name, "qk%d.%05x", getpid(), static_cast<unsigned>(Clock::now().time_since_epoch().count() & 0xfffff));
     prctl(PR_SET_NAME, c.name);
     if (row.setup) row.setup(c);
     if (!(row.flags & NoWarm)) attempt(c, row, "warm-up");
