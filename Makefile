@@ -2,12 +2,15 @@
 JOBS    ?= $(shell nproc)
 PREFIX  ?= /usr/local
 FUZZ_SECONDS ?= 60
+# Floors of `make coverage`, in percent of the library's lines and branches.
+COV_LINES    ?= 97
+COV_BRANCHES ?= 90
 CTEST   := ctest --output-on-failure -j $(JOBS) --timeout 300
 GEN     := -G Ninja
 # TSan needs the classic address-space layout; run its tests without ASLR.
 NOASLR  := setarch $(shell uname -m) -R
 
-.PHONY: all deps demo check check-asan check-tsan bench install lint fuzz clean
+.PHONY: all deps demo check check-asan check-tsan coverage bench install lint fuzz clean
 
 all: check
 
@@ -37,6 +40,23 @@ check-tsan: | deps
 	cmake --build build-tsan -j $(JOBS)
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 $(NOASLR) $(CTEST)
 
+# Line and branch coverage of the library's sources (not the tests) by the
+# whole suite: a gcc --coverage build at -O0, fresh counters, then gcovr.
+# Counters are updated atomically: the library's threads share them.
+COV_FLAGS := --coverage -fprofile-update=atomic
+coverage: | deps
+	cmake -S . -B build-cov $(GEN) -DCMAKE_BUILD_TYPE=Debug -DQOSA_BUILD_EXAMPLES=OFF \
+	      -DCMAKE_C_COMPILER=gcc -DCMAKE_CXX_COMPILER=g++ "-DCMAKE_C_FLAGS=$(COV_FLAGS)" "-DCMAKE_CXX_FLAGS=$(COV_FLAGS)" \
+	      "-DCMAKE_EXE_LINKER_FLAGS=$(COV_FLAGS)" "-DCMAKE_SHARED_LINKER_FLAGS=$(COV_FLAGS)"
+	cmake --build build-cov -j $(JOBS)
+	find build-cov -name '*.gcda' -delete
+	cd build-cov && $(CTEST)
+	gcovr --root . --object-directory build-cov --exclude-directories 'build-cov/CMakeFiles/[0-9]' \
+	      --filter 'BasicComponents/' -j $(JOBS) \
+	      --exclude-throw-branches --exclude-unreachable-branches \
+	      --html-details build-cov/coverage.html --txt - --print-summary \
+	      --fail-under-line $(COV_LINES) --fail-under-branch $(COV_BRANCHES)
+
 bench: | deps
 	cmake -S . -B build-bench $(GEN) -DCMAKE_BUILD_TYPE=Release -DQOSA_BUILD_BENCH=ON -DQOSA_BUILD_TESTS=OFF
 	cmake --build build-bench --target qosa-bench -j $(JOBS)
@@ -59,4 +79,4 @@ lint: build/build.ninja
 	git ls-files 'BasicComponents/*.cpp' | xargs clang-tidy -p build --quiet
 
 clean:
-	rm -rf build build-asan build-tsan build-bench build-fuzz
+	rm -rf build build-asan build-tsan build-cov build-bench build-fuzz

@@ -3,7 +3,7 @@
 # those that are missing. Safe to run again; does nothing when all are there.
 set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev llvm libgtest-dev libgmock-dev libbenchmark-dev
-          pkg-config binutils clang-format clang-tidy valgrind procps)
+          pkg-config binutils clang-format clang-tidy valgrind procps gcovr)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
