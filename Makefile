@@ -62,13 +62,22 @@ bench: | deps
 	cmake --build build-bench --target qosa-bench -j $(JOBS)
 	./build-bench/bench/qosa-bench $(BENCH_ARGS)
 
-# libFuzzer (clang) on the UTF-8 decoders and checks, under ASan+UBSan.
+# libFuzzer (clang) under ASan+UBSan: each target in turn for FUZZ_SECONDS.
+# New inputs go to build-fuzz/corpus/<target>; committed seeds, where there
+# are any, are read from fuzz/corpus/<target>.
+FUZZ_TARGETS := utf8 bounded parsers
 fuzz: | deps
 	cmake -S . -B build-fuzz $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
 	      -DQOSA_BUILD_FUZZ=ON -DQOSA_BUILD_TESTS=OFF -DQOSA_BUILD_EXAMPLES=OFF
-	cmake --build build-fuzz --target fuzz_utf8 -j $(JOBS)
-	mkdir -p build-fuzz/corpus/utf8
-	./build-fuzz/fuzz/fuzz_utf8 -max_total_time=$(FUZZ_SECONDS) -max_len=4096 build-fuzz/corpus/utf8
+	cmake --build build-fuzz --target $(addprefix fuzz_,$(FUZZ_TARGETS)) -j $(JOBS)
+	@set -e; for t in $(FUZZ_TARGETS); do \
+	  mkdir -p build-fuzz/corpus/$$t build-fuzz/crashes; \
+	  echo "fuzz_$$t: $(FUZZ_SECONDS) s (log: build-fuzz/fuzz_$$t.log)"; \
+	  if ! ./build-fuzz/fuzz/fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -max_len=4096 -print_final_stats=1 \
+	       -artifact_prefix=build-fuzz/crashes/$$t- build-fuzz/corpus/$$t $$(ls -d fuzz/corpus/$$t 2>/dev/null) \
+	       2> build-fuzz/fuzz_$$t.log; then tail -n 80 build-fuzz/fuzz_$$t.log; exit 1; fi; \
+	  grep -E '^(Done |stat::new_units_added)' build-fuzz/fuzz_$$t.log; \
+	done
 
 install: build/build.ninja
 	cmake --build build -j $(JOBS)
