@@ -43,10 +43,12 @@ check-tsan: | deps
 # Line and branch coverage of the library's sources (not the tests) by the
 # whole suite: a gcc --coverage build at -O0, fresh counters, then gcovr.
 # Counters are updated atomically: the library's threads share them.
+# QOSA_COVERAGE lets forked test children write their counters.
 COV_FLAGS := --coverage -fprofile-update=atomic
 coverage: | deps
 	cmake -S . -B build-cov $(GEN) -DCMAKE_BUILD_TYPE=Debug -DQOSA_BUILD_EXAMPLES=OFF \
-	      -DCMAKE_C_COMPILER=gcc -DCMAKE_CXX_COMPILER=g++ "-DCMAKE_C_FLAGS=$(COV_FLAGS)" "-DCMAKE_CXX_FLAGS=$(COV_FLAGS)" \
+	      -DCMAKE_C_COMPILER=gcc -DCMAKE_CXX_COMPILER=g++ "-DCMAKE_C_FLAGS=$(COV_FLAGS)" \
+	      "-DCMAKE_CXX_FLAGS=$(COV_FLAGS) -DQOSA_COVERAGE" \
 	      "-DCMAKE_EXE_LINKER_FLAGS=$(COV_FLAGS)" "-DCMAKE_SHARED_LINKER_FLAGS=$(COV_FLAGS)"
 	cmake --build build-cov -j $(JOBS)
 	find build-cov -name '*.gcda' -delete

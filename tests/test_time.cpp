@@ -9,9 +9,11 @@
 
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstring>
 
 #include "qosa_time.h"
+#include "sanitizers.h"
 
 namespace qosa::time {
 u64 wall_ms(const timeval& tv);
@@ -62,7 +64,7 @@ TEST(Validity, CalendarWildcardsAndTimeOfDay) {
                            {2024, -1, 31, 0, 0, 0, 1}, {-1, -1, -1, -1, -1, -1, 1}, {-2, 1, 1, 0, 0, 0, 0},
                            {2024, 1, -2, 0, 0, 0, 0},  {2024, 1, 1, 24, 0, 0, 0},   {2024, 1, 1, 0, 60, 0, 0},
                            {2024, 1, 1, 0, 0, 60, 0},  {2024, 1, 1, -2, 0, 0, 0},   {2024, 1, 1, 0, -2, 0, 0},
-                           {2024, 1, 1, 0, 0, -2, 0}};
+                           {2024, 1, 1, 0, 0, -2, 0},  {2024, 13, 1, 0, 0, 0, 0}};
     for (const auto& r : rows) {
         QOSA_SysTime t = at(r[0], r[1], r[2], r[3], r[4], r[5]);
         EXPECT_EQ(ZAL_IsSysTimeValid(&t), u32(r[6])) << "row " << &r - rows;
@@ -107,6 +109,14 @@ TEST(Wrappers, ErrorResultAndThePlatformRecord) {
     char buf[32];
     tm.tm_year = 2147483647; // a year asctime cannot print
     EXPECT_EQ(QOSA_AscTime_S(&tm, buf), 0xFFFFFFFFu);
+    const time_t never = LLONG_MAX; // beyond every broken-down year
+    EXPECT_EQ(QOSA_LocalTime_S(&tm, &never), 0xFFFFFFFFu);
+    EXPECT_EQ(QOSA_GmTime_S(&tm, &never), 0xFFFFFFFFu);
+    EXPECT_EQ(QOSA_CTime_S(&never, buf), 0xFFFFFFFFu);
+    timeval tv{};
+    struct timezone tz {};
+    gettimeofday(&tv, &tz);
+    EXPECT_EQ(QOSA_GetTimezone(), tz.tz_minuteswest);
 
     // Every field is copied; month and year move to the platform's origin.
     QOSA_SysTime s{56, 34, 12, 5, 3, 2024, 2, 64, 1, 3600, "XYZ"};
@@ -125,12 +135,12 @@ TEST(SetSysTime, RefusalsLeaveTheClockAlone) {
     if (pid == 0) {
         __user_cap_header_struct hdr{_LINUX_CAPABILITY_VERSION_3, 0};
         __user_cap_data_struct cap[2]{};
-        if (syscall(SYS_capget, &hdr, cap) != 0) _exit(255);
+        if (syscall(SYS_capget, &hdr, cap) != 0) qosa_test::child_exit(255);
         cap[0].effective &= ~(1u << CAP_SYS_TIME);
         cap[0].permitted &= ~(1u << CAP_SYS_TIME);
         if (syscall(SYS_capset, &hdr, cap) != 0 || syscall(SYS_capget, &hdr, cap) != 0 ||
             (cap[0].effective & (1u << CAP_SYS_TIME)) != 0)
-            _exit(255); // the privilege is still there: set nothing
+            qosa_test::child_exit(255); // the privilege is still there: set nothing
         // year, month, day, hour, minute, second
         const s32 rec[][6] = {{2023, 2, 29, 12, 0, 0}, {2030, 1, 1, 0, 0, -1},    {2030, 1, 1, 0, -1, 0},
                               {2030, 1, 1, -1, 0, 0},  {2030, 1, -1, 12, 0, 0},   {2030, -1, 1, 12, 0, 0},
@@ -141,9 +151,10 @@ TEST(SetSysTime, RefusalsLeaveTheClockAlone) {
             errno = 4321;
             u32 res = i < 8 ? QOSA_SetSysTime(&t) : u32(QOSA_SetTimezone(0));
             int want = i < 7 ? 4321 : i == 7 ? -1 : EPERM; // the kernel, not the C library, must refuse the zone
-            if (res != 0xFFFFFFFFu || (want == -1 ? errno != EPERM && errno != EINVAL : errno != want)) _exit(1 + i);
+            if (res != 0xFFFFFFFFu || (want == -1 ? errno != EPERM && errno != EINVAL : errno != want))
+                qosa_test::child_exit(1 + i);
         }
-        _exit(0);
+        qosa_test::child_exit(0);
     }
     ASSERT_GT(pid, 0);
     int status = 0;
