@@ -7,6 +7,8 @@
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <spawn.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -75,6 +77,30 @@ TEST(SocketConnect, HostOrderIPv4AndNetworkOrderIPv6ReachTheListener) {
         QOSA_CloseSocket(conn);
         QOSA_CloseSocket(c);
     }
+}
+
+TEST(SocketData, LengthsAndPendingBytesPassThrough) {
+    for (int type : {SOCK_STREAM, SOCK_DGRAM}) {
+        int pair[2];
+        ASSERT_EQ(socketpair(AF_UNIX, type, 0, pair), 0);
+        char buf[8] = {};
+        int pending = 0;
+        EXPECT_EQ(
+            type == SOCK_STREAM ? QOSA_Send(pair[0], "ping", 4, 0) : QOSA_Sendto(pair[0], "ping", 4, 0, nullptr, 0), 4);
+        EXPECT_TRUE(QOSA_IoctlSocket(pair[1], FIONREAD, &pending) == 0 && pending == 4) << pending;
+        EXPECT_EQ(type == SOCK_STREAM ? QOSA_Recv(pair[1], buf, sizeof buf, 0)
+                                      : QOSA_Recvfrom(pair[1], buf, sizeof buf, 0, nullptr, nullptr),
+                  4);
+        EXPECT_STREQ(buf, "ping");
+        QOSA_CloseSocket(pair[0]);
+        QOSA_CloseSocket(pair[1]);
+    }
+    // The fixed results of the entry points with nothing to do here.
+    EXPECT_EQ(QOSA_InitSocket(), 1);
+    QOSA_DInitSocket();
+    EXPECT_EQ(QOSA_GetHostByName_S("localhost"), -1);
+    qosaAddrInfoSwapNameAndAddr(nullptr);
+    EXPECT_STREQ(QOSA_InetNtoa(QOSA_InetAddr("10.1.2.3")), "10.1.2.3");
 }
 
 TEST(SocketAddresses, TextTestAndLocalAddressesInNetworkOrder) {
