@@ -48,6 +48,7 @@ TEST(Bounded, MemoryCopiesAndFills) {
     EXPECT_EQ(std::string(d, 5), std::string("bbba\0", 5));
     EXPECT_NE(memset_s(nullptr, 3, 0, 3), 0);
     EXPECT_NE(memset_s(d, 0, 0, 0), 0);
+    EXPECT_EQ(memset_s(d, kMaxDest + 1, 0, 1), kEInval);
 }
 
 TEST(Bounded, StringCopiesNeedRoomForTheTerminator) {

@@ -112,6 +112,9 @@ TEST(SocketAddresses, TextTestAndLocalAddressesInNetworkOrder) {
     hints.ai_flags = AI_NUMERICHOST;
     addrinfo* list = nullptr;
     EXPECT_EQ(QOSA_GetAddrInfo("host", nullptr, &hints, &list), -1);
+    ASSERT_EQ(QOSA_GetAddrInfo("127.0.0.1", "80", &hints, &list), 0);
+    EXPECT_EQ(list->ai_family, AF_INET);
+    QOSA_FreeAddrInfo(list);
 
     in_addr lo4{htonl(INADDR_LOOPBACK)};
     in6_addr far6{};

@@ -130,6 +130,7 @@ TEST(StatText, CpuLineRatesAndMeminfo) {
     b.idle = a.idle - 10; // idle went back: still a rate
     EXPECT_EQ(busy_rate(a, b), 10000u);
     EXPECT_EQ(busy_rate({}, {u64{1} << 61, 0, 0, u64{1} << 61}), 5000u) << "totals too large to scale first";
+    EXPECT_EQ(busy_rate(b, a), 0u) << "counters that went back";
 
     EXPECT_EQ(process_share(0xFFFFFFF0u, 0x10u, 64), 5000u) << "32-bit tick counters wrap";
     EXPECT_EQ(process_share(150, 100, 200), 0u) << "ticks that went back";
