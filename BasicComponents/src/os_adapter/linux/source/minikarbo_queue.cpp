@@ -303,7 +303,7 @@ u32 ORV_QueueCreate(const char* name, u32 maxMsgNum, u32* queId, u32 mode, u32 m
     if (queId == nullptr) return ORV_QUEUE_ERR_CREATE_ID;
 
     MutexGuard list(&g_hQueListMutex);
-    if (!list.locked()) return ORV_QUEUE_ERR_CREATE_SYNC;
+    if (!list.locked()) return ORV_QUEUE_ERR_CREATE_SYNC; // GCOVR_EXCL_BR_LINE: see MutexGuard
     QueueRec* head = g_pstQueList.load(std::memory_order_relaxed);
     if (head == nullptr) {
         head = static_cast<QueueRec*>(take(sizeof(QueueRec), __LINE__));
