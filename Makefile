@@ -77,7 +77,7 @@ fuzz: | deps
 	  echo "fuzz_$$t: $(FUZZ_SECONDS) s (log: build-fuzz/fuzz_$$t.log)"; \
 	  if ! ./build-fuzz/fuzz/fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -max_len=4096 -print_final_stats=1 \
 	       -artifact_prefix=build-fuzz/crashes/$$t- build-fuzz/corpus/$$t $$(ls -d fuzz/corpus/$$t 2>/dev/null) \
-	       2> build-fuzz/fuzz_$$t.log; then tail -n 80 build-fuzz/fuzz_$$t.log; exit 1; fi; \
+	       > build-fuzz/fuzz_$$t.log 2>&1; then tail -n 80 build-fuzz/fuzz_$$t.log; exit 1; fi; \
 	  grep -E '^(Done |stat::new_units_added)' build-fuzz/fuzz_$$t.log; \
 	done
 

@@ -7,13 +7,16 @@
 //   and, for whole dates, against the C library's calendar (timegm);
 // - QOSA_Versionsort against versionsort;
 // - QOSA_RelPath against realpath in a scratch tree of directories, files and
-//   symbolic links (loops and dangling ones included).
+//   symbolic links (loops and dangling ones included);
+// - the /proc/net socket-table reader against tables made as the kernel
+//   prints them.
 // Every text is passed in a block of exactly its length + 1.
 #include <dirent.h>
 #include <fuzzer/FuzzedDataProvider.h>
 #include <ftw.h>
 #include <limits.h>
 #include <sanitizer/common_interface_defs.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -32,6 +35,7 @@
 
 #include "internal/proc_parse.h"
 #include "qosa_file.h"
+#include "qosa_socket.h"
 #include "qosa_time.h"
 
 namespace st = qosa::stat;
@@ -427,11 +431,84 @@ void paths(FuzzedDataProvider& in) {
         check(rc == 1);
 }
 
+// ---- /proc/net socket tables -----------------------------------------------------
+
+// A socket table as the kernel prints /proc/net/tcp (and udp, tcp6, udp6):
+// a header, then lines whole, cut after some fields, or not starting with a
+// number. The state of the first whole line (after the header) whose local
+// port is the one asked for must come back; a port 0 never matches.
+void port_tables(FuzzedDataProvider& in) {
+    const u16 port = in.ConsumeBool() ? in.ConsumeIntegralInRange<u16>(0, 3) : in.ConsumeIntegral<u16>();
+    // The header is a text of its own or the first line made below.
+    bool header = in.ConsumeBool();
+    std::string table;
+    if (!header) {
+        table = no_nul(in.ConsumeRandomLengthString(60), ' ');
+        std::replace(table.begin(), table.end(), '\n', ' ');
+        table += "\n";
+    }
+    bool found = false;
+    u32 want = 0;
+    auto hex = [](u64 v, int width) {
+        char b[32];
+        std::snprintf(b, sizeof b, "%0*" PRIX64, width, v);
+        return std::string(b);
+    };
+    for (int lines = in.ConsumeIntegralInRange(0, 12); lines > 0; --lines, header = false) {
+        const int kind = in.ConsumeIntegralInRange(0, 3); // 0, 1 whole; 2 cut; 3 no number first
+        if (kind == 3) {
+            std::string junk = "x" + no_nul(in.ConsumeRandomLengthString(40), ' ');
+            std::replace(junk.begin(), junk.end(), '\n', ' ');
+            table += std::string(in.ConsumeIntegralInRange(0, 4), ' ') + junk + "\n";
+            continue;
+        }
+        const bool v6 = in.ConsumeBool();
+        const u32 localPort = in.ConsumeIntegralInRange(0, 7) == 0 ? in.ConsumeIntegralInRange<u32>(0, 0xFFFFF)
+                                                                   : in.ConsumeIntegral<u16>();
+        const u32 st = in.ConsumeIntegralInRange<u32>(0, in.ConsumeBool() ? 0xFF : 0xFFFFFFFF);
+        auto addr = [&] {
+            return hex(in.ConsumeIntegral<u64>(), 16).substr(0, 8) +
+                   (v6 ? hex(in.ConsumeIntegral<u64>(), 16) + hex(in.ConsumeIntegral<u64>(), 8) : "");
+        };
+        const std::string pieces[15] = {
+            std::string(in.ConsumeIntegralInRange(0, 4), ' ') + std::to_string(in.ConsumeIntegralInRange(0, 5000)),
+            ": " + addr(),
+            ":" + hex(localPort, 4),
+            " " + addr(),
+            ":" + hex(in.ConsumeIntegral<u16>(), 4),
+            " " + hex(st, 2),
+            " " + hex(in.ConsumeIntegral<u32>(), 8),
+            ":" + hex(in.ConsumeIntegral<u32>(), 8),
+            " " + hex(in.ConsumeIntegralInRange(0, 4), 2),
+            ":" + hex(in.ConsumeIntegral<u32>(), 8),
+            " " + hex(in.ConsumeIntegral<u32>(), 8),
+            " " + std::to_string(in.ConsumeIntegralInRange(0, 65535)),
+            " " + std::to_string(in.ConsumeIntegralInRange(0, 1000)),
+            " " + std::to_string(in.ConsumeIntegral<u32>()),
+            " " + std::string(in.ConsumeIntegralInRange<std::size_t>(1, 600), 'r') + " 0000000000000000 100 0 0 10 0"};
+        const int kept = kind == 2 ? in.ConsumeIntegralInRange(1, 14) : 15;
+        for (int i = 0; i < kept; ++i)
+            table += pieces[i];
+        table += "\n";
+        if (!header && kept == 15 && !found && localPort == port && port != 0) {
+            found = true;
+            want = st;
+        }
+    }
+    const int fd = memfd_create("qosa-fuzz-table", 0);
+    check(fd >= 0 && write(fd, table.data(), table.size()) == static_cast<ssize_t>(table.size()));
+    const std::string path = "/proc/self/fd/" + std::to_string(fd);
+    u32 state = 0xABCD;
+    const s32 rc = qosaGet_Port_State(path.c_str(), port, &state);
+    close(fd);
+    check(found ? rc == 0 && state == want : rc == -1 && state == 0xABCD);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     FuzzedDataProvider in(data, size);
-    switch (in.ConsumeIntegralInRange(0, 6)) {
+    switch (in.ConsumeIntegralInRange(0, 7)) {
     case 0:
         made_stat_lines(in);
         break;
@@ -450,8 +527,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     case 5:
         versions(in);
         break;
-    default:
+    case 6:
         paths(in);
+        break;
+    default:
+        port_tables(in);
         break;
     }
     return 0;
