@@ -2,7 +2,8 @@
 // source lives in a block of exactly its size, so a write or read past it is
 // caught. Where the result fits, each function must do what the C library
 // function does; where it does not, what a violation leaves: the error number
-// and an empty destination (or, for the formatted print, what fits).
+// and an empty destination (or, for the formatted print, what fits). The
+// number texts of the string family are printed here too.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstdint>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "internal/bounded.h"
+#include "qosa_string.h"
 
 namespace b = qosa::bounded;
 
@@ -315,11 +317,45 @@ void scans(FuzzedDataProvider& in) {
         delete m;
 }
 
+// ---- number texts -----------------------------------------------------------
+
+// QOSA_Ultostr writes its digits itself: the text and result of a bounded
+// print of min(size, 12) - 1 characters. QOSA_IntToStr and QOSA_FloatToStr
+// print into 11 bytes and leave them empty when the text does not fit.
+void numbers(FuzzedDataProvider& in) {
+    const u32 value = in.ConsumeBool() ? in.ConsumeIntegral<u32>() : in.ConsumeIntegralInRange<u32>(0, 20);
+    const u32 radix = in.ConsumeBool() ? in.PickValueInArray({8u, 10u, 16u}) : in.ConsumeIntegral<u32>();
+    const u64 size = in.ConsumeBool() ? in.ConsumeIntegralInRange<u64>(0, 14) : in.ConsumeIntegral<u64>();
+    const std::size_t n = size < 12 ? static_cast<std::size_t>(size) : 12;
+    Block mine(n);
+    const s64 r = QOSA_Ultostr(mine.p, size, value, radix);
+    if (n == 0) return check(r == -1);
+    std::vector<char> ref(n);
+    const int want = b::snprintf_s(ref.data(), n, n - 1,
+                                   radix == 8    ? "%o"
+                                   : radix == 16 ? "%x"
+                                                 : "%u",
+                                   static_cast<unsigned>(value));
+    check(r == want && std::strcmp(mine.p, ref.data()) == 0);
+
+    const s32 i = in.ConsumeIntegral<s32>();
+    const float f = in.ConsumeBool() ? in.ConsumeFloatingPoint<float>() : in.ConsumeFloatingPointInRange(-1e3f, 1e3f);
+    Block text(11);
+    char full[64];
+    QOSA_IntToStr(i, text.p);
+    std::snprintf(full, sizeof full, "%d", i);
+    check(std::strcmp(text.p, std::strlen(full) < 11 ? full : "") == 0);
+    QOSA_FloatToStr(text.p, f);
+    std::snprintf(full, sizeof full, "%f", static_cast<double>(f));
+    check(std::strlen(full) >= 11 || std::strcmp(text.p, full) == 0);
+    check(std::strlen(full) < 11 || text.p[0] == '\0');
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     FuzzedDataProvider in(data, size);
-    switch (in.ConsumeIntegralInRange(0, 4)) {
+    switch (in.ConsumeIntegralInRange(0, 5)) {
     case 0:
         copies(in);
         break;
@@ -332,8 +368,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     case 3:
         prints(in);
         break;
-    default:
+    case 4:
         scans(in);
+        break;
+    default:
+        numbers(in);
         break;
     }
     return 0;
