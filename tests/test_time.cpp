@@ -102,6 +102,7 @@ TEST(Clocks, RunTimeAndWallClock) {
     EXPECT_EQ(qosa::time::wall_ms({(1LL << 32) + 5, 678999}), 5678u);
     ASSERT_TRUE(qosa::time::to_time_ex({1709642096, 789999}, &ex)); // 2024-03-05 12:34:56.789 UTC
     EXPECT_EQ(ex_ms(ex), 1709642096789u);
+    EXPECT_FALSE(qosa::time::to_time_ex({LLONG_MAX, 0}, &ex)) << "no year for it";
 }
 
 TEST(Wrappers, ErrorResultAndThePlatformRecord) {
@@ -129,8 +130,9 @@ TEST(Wrappers, ErrorResultAndThePlatformRecord) {
 }
 
 TEST(SetSysTime, RefusalsLeaveTheClockAlone) {
-    // Seven records are refused before the system is asked (last error untouched), then the system
-    // refuses a valid one and a zone. The child exits with 1 + the first call that misbehaved.
+    // Seven records are refused before the system is asked (last error untouched), one has no time_t,
+    // then the system refuses a valid one and a zone. The child exits with 1 + the first call that
+    // misbehaved.
     pid_t pid = fork();
     if (pid == 0) {
         __user_cap_header_struct hdr{_LINUX_CAPABILITY_VERSION_3, 0};
@@ -142,15 +144,16 @@ TEST(SetSysTime, RefusalsLeaveTheClockAlone) {
             (cap[0].effective & (1u << CAP_SYS_TIME)) != 0)
             qosa_test::child_exit(255); // the privilege is still there: set nothing
         // year, month, day, hour, minute, second
-        const s32 rec[][6] = {{2023, 2, 29, 12, 0, 0}, {2030, 1, 1, 0, 0, -1},    {2030, 1, 1, 0, -1, 0},
-                              {2030, 1, 1, -1, 0, 0},  {2030, 1, -1, 12, 0, 0},   {2030, -1, 1, 12, 0, 0},
-                              {-1, 1, 1, 12, 0, 0},    {9999, 12, 31, 23, 59, 59}};
-        for (int i = 0; i < 9; ++i) {
-            const s32* r = rec[i < 8 ? i : 0];
+        const s32 rec[][6] = {{2023, 2, 29, 12, 0, 0}, {2030, 1, 1, 0, 0, -1},      {2030, 1, 1, 0, -1, 0},
+                              {2030, 1, 1, -1, 0, 0},  {2030, 1, -1, 12, 0, 0},     {2030, -1, 1, 12, 0, 0},
+                              {-1, 1, 1, 12, 0, 0},    {2147483647, 1, 1, 0, 0, 0}, {9999, 12, 31, 23, 59, 59}};
+        for (int i = 0; i < 10; ++i) {
+            const s32* r = rec[i < 9 ? i : 0];
             QOSA_SysTime t = at(r[0], r[1], r[2], r[3], r[4], r[5]);
             errno = 4321;
-            u32 res = i < 8 ? QOSA_SetSysTime(&t) : u32(QOSA_SetTimezone(0));
-            int want = i < 7 ? 4321 : i == 7 ? -1 : EPERM; // the kernel, not the C library, must refuse the zone
+            u32 res = i < 9 ? QOSA_SetSysTime(&t) : u32(QOSA_SetTimezone(0));
+            // The kernel, not the C library, must refuse the zone.
+            int want = i < 7 ? 4321 : i == 7 ? EOVERFLOW : i == 8 ? -1 : EPERM;
             if (res != 0xFFFFFFFFu || (want == -1 ? errno != EPERM && errno != EINVAL : errno != want))
                 qosa_test::child_exit(1 + i);
         }

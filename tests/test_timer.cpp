@@ -197,9 +197,19 @@ TEST_F(Timer, CountLimits) {
     }
 }
 
+TEST_F(Timer, StopIsRefusedOnTheTimerThread) { // it would wait for itself
+    static std::atomic<u32> fromCallback{0};
+    ASSERT_EQ(QOSA_StartRelTimer_Simple(
+                  10, [](void*) { fromCallback = QOSA_StopTimerTask(); }, nullptr),
+              0u);
+    EXPECT_TRUE(eventually([] { return fromCallback.load() != 0; }));
+    EXPECT_EQ(fromCallback.load(), QOSA_ERROR);
+}
+
 TEST_F(Timer, TraceLongCallbackWarningAndSystemControlHook) {
     QOSA_TimerRegDebugTrace(collect);
     std::string fits(511, 'x');
+    qosa_timer_debug(nullptr);
     qosa_timer_debug("%s", fits.c_str());
     qosa_timer_debug("%s!", fits.c_str()); // 512 characters: not sent
     auto slow = [](void*) { std::this_thread::sleep_for(150ms); };
@@ -220,8 +230,9 @@ TEST_F(Timer, TraceLongCallbackWarningAndSystemControlHook) {
 
     testing::internal::CaptureStdout();
     EXPECT_EQ(QOSA_SysCtrlRegTaskTid("net"), 27);
+    EXPECT_EQ(QOSA_SysCtrlRegTaskTid(nullptr), 30);
     std::fflush(stdout);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "QOSA_SysCtrlRegTaskTid net\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "QOSA_SysCtrlRegTaskTid net\nQOSA_SysCtrlRegTaskTid (null)\n");
     auto hook = [](const char* name, va_list args) {
         int n = va_arg(args, int);
         return static_cast<int>(std::string(name).size() * 100 + std::string(va_arg(args, const char*)).size()) + n;
