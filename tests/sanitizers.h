@@ -1,9 +1,12 @@
-// Which sanitizer the test build runs under, for the few checks that a
-// sanitizer itself reports as an error (destroying a locked mutex, a
-// deliberate fault), and whether the tests run under a user-mode emulator
+// How the test build is instrumented: which sanitizer it runs under, for the
+// few checks that a sanitizer itself reports as an error (destroying a locked
+// mutex, a deliberate fault); whether the tests run under a user-mode emulator
 // (the cross build's qemu-user, QOSA_TEST_EMULATED from the build), for the
-// few checks of what the emulator itself fakes or forwards differently.
+// few checks of what the emulator fakes or forwards differently; and how a
+// forked child ends.
 #pragma once
+
+#include <unistd.h>
 
 #if defined(__has_feature)
 #if __has_feature(thread_sanitizer)
@@ -36,4 +39,22 @@ inline constexpr bool kUnderEmulator = true;
 #else
 inline constexpr bool kUnderEmulator = false;
 #endif
+} // namespace qosa_test
+
+#ifdef QOSA_COVERAGE // make coverage
+extern "C" void __gcov_dump(void);
+#endif
+
+namespace qosa_test {
+// A forked child that ends with _exit writes its coverage counters first.
+inline void write_counters() {
+#ifdef QOSA_COVERAGE
+    __gcov_dump();
+#endif
+}
+// Ends a forked child at once: no atexit work, no stdio flush.
+[[noreturn]] inline void child_exit(int code) {
+    write_counters();
+    _exit(code);
+}
 } // namespace qosa_test
