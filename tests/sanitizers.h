@@ -6,7 +6,12 @@
 // forked child ends.
 #pragma once
 
+#include <sys/prctl.h>
 #include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+#include <string>
 
 #if defined(__has_feature)
 #if __has_feature(thread_sanitizer)
@@ -39,6 +44,17 @@ inline constexpr bool kUnderEmulator = true;
 #else
 inline constexpr bool kUnderEmulator = false;
 #endif
+
+// Names this process (its main thread: at most 15 characters kept) and returns
+// the name that the /proc scans see. qemu-user makes up the emulated process's
+// own stat line, named after the executable.
+inline std::string name_self(const std::string& name) {
+    prctl(PR_SET_NAME, name.c_str());
+    if (!kUnderEmulator) return name.substr(0, 15);
+    std::ifstream in("/proc/self/stat");
+    const std::string line{std::istreambuf_iterator<char>(in), {}};
+    return line.substr(line.find('(') + 1, line.rfind(')') - line.find('(') - 1);
+}
 } // namespace qosa_test
 
 #ifdef QOSA_COVERAGE // make coverage

@@ -39,6 +39,7 @@
 #include <vector>
 
 #include "fault_inject.h"
+#include "sanitizers.h"
 #include "internal/mem_table.h"
 #include "qosa.h"
 
@@ -441,13 +442,17 @@ rlimit limit_fds(long spare) {
     if (mkdtemp(c.dir) == nullptr) std::exit(2);
     std::snprintf(c.a, sizeof c.a, "%s/a", c.dir), std::snprintf(c.b, sizeof c.b, "%s/b", c.dir);
     // Unique even beside another process tree whose numbers overlap this one's.
-    std::snprintf(c.name, sizeof c.name, "qk%d.%05x", getpid(), static_cast<unsigned>(Clock::now().time_since_epoch().count() & 0xfffff));
-    prctl(PR_SET_NAME, c.name);
+    char name[16];
+    std::snprintf(name, sizeof name, "qk%d.%05x", getpid(), static_cast<unsigned>(Clock::now().time_since_epoch().count() & 0xfffff));
+    std::snprintf(c.name, sizeof c.name, "%s", qosa_test::name_self(name).c_str());
     if (row.setup) row.setup(c);
     if (!(row.flags & NoWarm)) attempt(c, row, "warm-up");
     State before = State::now();
-    for (State was{}; petimer_getTreadId() != 0 && !(was == before);) // until the timer thread ran what was queued
-        std::this_thread::sleep_for(std::chrono::milliseconds(20)), was = before, before = State::now();
+    // Until the timer thread ran what was queued and a thread that was joined is gone from the task list too
+    // (under qemu-user its host thread lingers for a while).
+    const auto still = std::chrono::milliseconds(qosa_test::kUnderEmulator ? 100 : 20);
+    for (State was{}; !(was == before);)
+        std::this_thread::sleep_for(still), was = before, before = State::now();
 
     rlimit fds{};
     if (cs.fault == Fault::Fds) fds = limit_fds(cs.k);

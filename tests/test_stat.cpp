@@ -29,19 +29,10 @@ std::string slurp(const char* path) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-// This process under a 15-character name (the kernel's limit) of its own.
-// qemu-user makes up the emulated process's own stat line (named after the
-// executable, times and sizes 0), and the scans see that line: under it this
-// process goes by that name (the build runs no two of these tests at once).
-const std::string g_me = [] {
-    std::string n = ("qosatest" + std::to_string(getpid()) + "xxxxxxx").substr(0, 15);
-    prctl(PR_SET_NAME, n.c_str());
-    if (qosa_test::kUnderEmulator) {
-        const std::string line = slurp("/proc/self/stat");
-        n = line.substr(line.find('(') + 1, line.rfind(')') - line.find('(') - 1);
-    }
-    return n;
-}();
+// This process under a 15-character name (the kernel's limit) of its own,
+// or, under qemu-user, the executable's name (the build runs no two of these
+// tests at once).
+const std::string g_me = qosa_test::name_self(("qosatest" + std::to_string(getpid()) + "xxxxxxx").substr(0, 15));
 
 void release(void* p) { QOSA_MemTypeFreeD(p, QOSA_MEM_DYN, __LINE__, __FILE__); }
 
