@@ -9,6 +9,7 @@ static DIR* const s_dir = opendir("/");
 static struct dirent s_entry;
 static struct dirent* s_result;
 static const struct dirent* s_ent = &s_entry;
+static const struct dirent* s_noEnt = nullptr;
 static fpos_t s_pos;
 static char s_buf[64];
 static QOSA_STAT_S s_st;
@@ -37,6 +38,8 @@ static GuardRows s_rows{
     {"QOSA_Alphasort_second", [] { return QOSA_Alphasort(&s_ent, nullptr); }, 1},
     {"QOSA_Versionsort_both", [] { return QOSA_Versionsort(nullptr, nullptr); }, -1},
     {"QOSA_Versionsort_second", [] { return QOSA_Versionsort(&s_ent, nullptr); }, 1},
+    {"QOSA_Versionsort_first_entry", [] { return QOSA_Versionsort(&s_noEnt, &s_ent); }, -1},
+    {"QOSA_Alphasort_second_entry", [] { return QOSA_Alphasort(&s_ent, &s_noEnt); }, 1},
     {"QOSA_GetCwd", [] { return as_flag(QOSA_GetCwd(nullptr, 64)); }, 0},
     {"QOSA_ChDir", [] { return QOSA_ChDir(""); }, -1},
     {"QOSA_RmDir", [] { return QOSA_RmDir(nullptr); }, -1},

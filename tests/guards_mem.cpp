@@ -31,6 +31,7 @@ static GuardRows s_rows{
     {"sysMemScanErrMemInfo", [] { return sysMemScanErrMemInfo(nullptr); }, 0},
     {"sysMemPrintMemInfo", [] { return sysMemPrintMemInfo(1, nullptr, 100, &s_rec, 1); }, 0},
     {"sysMemLogStringCat", [] { return sysMemLogStringCat(nullptr, 100, "%d", 1); }, 0},
+    {"sysMemLogStringCat_format", [] { return sysMemLogStringCat(s_buf, sizeof s_buf, nullptr); }, 0},
     {"sysMemStrcasestr_text", [] { return as_flag(sysMemStrcasestr(nullptr, "a")); }, 0},
     {"sysMemStrcasestr_pattern", [] { return as_flag(sysMemStrcasestr(s_buf, nullptr)); }, 0},
     {"sysMemSortByAddr", [] { return sysMemSortByAddr(nullptr, nullptr); }, 1},

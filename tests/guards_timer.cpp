@@ -51,6 +51,8 @@ static GuardRows s_rows{
      [] { return v(petimer_stop_abstimer_safeEx(kForeign, nullptr, nullptr, nullptr)); }, 22},
     {"petimer_free_abstimer", [] { return v(petimer_free_abstimer(nullptr)); }, 22},
     {"petimer_relAbsIndex", [] { return v(petimer_relAbsIndex(nullptr)); }, 22},
+    {"petimer_create_reltimer_NoProc", [] { return as_flag(petimer_create_reltimer(nullptr, 0)); }, 0, EINVAL},
+    {"petimer_create_reltimer_ServiceDown", [] { return as_flag(petimer_create_reltimer(proc, 0)); }, 0},
     {"QOSA_StopTimerTask_NotRunning", [] { return v(QOSA_StopTimerTask()); }, kFail},
     {"QOSA_CreateAbsTimerM", [] { return as_flag(QOSA_CreateAbsTimerM(nullptr, QOSA_TIMER_LOOP)); }, 0, EINVAL},
     {"QOSA_CreateRelTimerM", [] { return as_flag(QOSA_CreateRelTimerM(nullptr, QOSA_TIMER_LOOP, 1, "f.c")); }, 0,

@@ -1,9 +1,17 @@
-// Which sanitizer the test build runs under, for the few checks that a
-// sanitizer itself reports as an error (destroying a locked mutex, a
-// deliberate fault), and whether the tests run under a user-mode emulator
+// How the test build is instrumented: which sanitizer it runs under, for the
+// few checks that a sanitizer itself reports as an error (destroying a locked
+// mutex, a deliberate fault); whether the tests run under a user-mode emulator
 // (the cross build's qemu-user, QOSA_TEST_EMULATED from the build), for the
-// few checks of what the emulator itself fakes or forwards differently.
+// few checks of what the emulator fakes or forwards differently; and how a
+// forked child ends.
 #pragma once
+
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+#include <string>
 
 #if defined(__has_feature)
 #if __has_feature(thread_sanitizer)
@@ -36,4 +44,33 @@ inline constexpr bool kUnderEmulator = true;
 #else
 inline constexpr bool kUnderEmulator = false;
 #endif
+
+// Names this process (its main thread: at most 15 characters kept) and returns
+// the name that the /proc scans see. qemu-user makes up the emulated process's
+// own stat line, named after the executable.
+inline std::string name_self(const std::string& name) {
+    prctl(PR_SET_NAME, name.c_str());
+    if (!kUnderEmulator) return name.substr(0, 15);
+    std::ifstream in("/proc/self/stat");
+    const std::string line{std::istreambuf_iterator<char>(in), {}};
+    return line.substr(line.find('(') + 1, line.rfind(')') - line.find('(') - 1);
+}
+} // namespace qosa_test
+
+#ifdef QOSA_COVERAGE // make coverage
+extern "C" void __gcov_dump(void);
+#endif
+
+namespace qosa_test {
+// A forked child that ends with _exit writes its coverage counters first.
+inline void write_counters() {
+#ifdef QOSA_COVERAGE
+    __gcov_dump();
+#endif
+}
+// Ends a forked child at once: no atexit work, no stdio flush.
+[[noreturn]] inline void child_exit(int code) {
+    write_counters();
+    _exit(code);
+}
 } // namespace qosa_test

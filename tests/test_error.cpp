@@ -20,5 +20,6 @@ TEST(LastError, IsPerThreadAndTextsFitOrAreRefused) {
     char buf[128], tiny[4];
     EXPECT_EQ(QOSA_StrError_S(buf, sizeof buf, ENOENT), 0);
     EXPECT_STREQ(buf, std::strerror(ENOENT));
+    EXPECT_STREQ(QOSA_StrError(ENOENT), buf);
     EXPECT_EQ(QOSA_StrError_S(tiny, sizeof tiny, ENOENT), ERANGE);
 }

@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -127,10 +129,25 @@ TEST(FileCopy, CopiesWholeFilesAndReportsEveryFailure) {
     EXPECT_EQ(read_file(dst), "") << "an empty source gives an empty copy";
     EXPECT_EQ(QOSA_CopyFile((dir / "missing").c_str(), (dir / "never").c_str()), -1);
     EXPECT_FALSE(fs::exists(dir / "never"));
+    EXPECT_EQ(QOSA_CopyFile(src.c_str(), (dir / "missing/dst").c_str()), -1);
     // A directory opens but cannot be read; a full device takes no bytes.
     EXPECT_EQ(QOSA_CopyFile(dir.path.c_str(), (dir / "from-dir").c_str()), -1);
     EXPECT_EQ(errno, EISDIR);
     EXPECT_TRUE(QOSA_Access("/dev/full", W_OK) != 0 || QOSA_CopyFile(src.c_str(), "/dev/full") == -1);
+}
+
+TEST(FileDescriptors, OffsetsAndLengthsKeepTheirSign) {
+    FILE* f = QOSA_TmpFile();
+    ASSERT_NE(f, nullptr);
+    const int fd = dup(fileno(f));
+    std::fclose(f);
+    EXPECT_EQ(QOSA_Ftruncate(fd, 10), 0);
+    EXPECT_EQ(QOSA_LSeek(fd, -4, SEEK_END), 6);
+    int pending = 0;
+    EXPECT_TRUE(QOSA_Ioctl(fd, FIONREAD, &pending) == 0 && pending == 4) << pending;
+    EXPECT_TRUE(QOSA_Ftruncate(fd, -1) == -1 && errno == EINVAL) << "not 4 GiB";
+    EXPECT_EQ(QOSA_CloseHandle(fd), 0);
+    EXPECT_EQ(QOSA_CloseHandle(fd), -1);
 }
 
 TEST(FileListing, FilteredInVersionOrderAndEveryListReleased) {

@@ -78,7 +78,12 @@ TEST(RWLock, PassesThrough) {
     pthread_rwlock_t rw;
     ASSERT_EQ(ORV_Pthread_RWLock_Init(&rw, nullptr), 0);
     EXPECT_EQ(ORV_Pthread_RWLock_RDLock(&rw), 0);
+    EXPECT_EQ(ORV_Pthread_RWLock_TryRDLock(&rw), 0) << "readers share";
     EXPECT_EQ(ORV_Pthread_RWLock_TryWRLock(&rw), EBUSY);
+    EXPECT_EQ(ORV_Pthread_RWLock_UnLock(&rw), 0);
+    EXPECT_EQ(ORV_Pthread_RWLock_UnLock(&rw), 0);
+    EXPECT_EQ(ORV_Pthread_RWLock_WRLock(&rw), 0);
+    EXPECT_EQ(ORV_Pthread_RWLock_TryRDLock(&rw), EBUSY) << "a writer excludes readers";
     EXPECT_EQ(ORV_Pthread_RWLock_UnLock(&rw), 0);
     EXPECT_EQ(ORV_Pthread_RWLock_Destroy(&rw), 0);
 }

@@ -61,4 +61,10 @@ TEST(MemReportText, SearchAppendAndRecordLines) {
         "0        0          0     (null)                          Dyn    InvaidMem 0\r\n";
     EXPECT_EQ(sysMemPrintMemInfo(1, out, sizeof out, recs, 2), expected.size());
     EXPECT_EQ(std::string(out), expected) << "the thread's low 32 bits";
+    recs[1].ulType = 6;
+    recs[1].ulStatus = 12;
+    EXPECT_EQ(sysMemPrintMemInfo(0, out, sizeof out, recs + 1, 1), 82u) << "no header";
+    EXPECT_EQ(std::string(out), "0        0          0     (null)                          Unknown    Unknown   0\r\n")
+        << "names beyond the tables";
+    EXPECT_EQ(sysMemPrintMemInfo(1, out, 0, recs, 1) + sysMemPrintMemInfo(0, out, sizeof out, nullptr, 1), 0u);
 }

@@ -133,6 +133,9 @@ TEST_F(MemReports, ScanAndSelfCheck) {
     EXPECT_NE(listing(0, 2)[0].find(" Dyn    InvaidMem "), std::string::npos);
     down[5] = static_cast<char>(0xED);
     lost[-8] ^= 0x7F;
+    QOSA_MEM_REC_S* none = nullptr;
+    EXPECT_EQ(sysMemScanErrMemInfo(&none), 0u);
+    EXPECT_EQ(none, nullptr) << "nothing damaged, no copy";
 }
 
 // The only test that writes files: the dumps go to /data, made here when missing.

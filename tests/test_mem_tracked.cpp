@@ -75,7 +75,7 @@ TEST_F(MemTracked, BlocksEndAtTheirGuardPage) {
     for (char* p : {b, c, d})
         EXPECT_EQ(release(p), 0u);
     EXPECT_EQ(QOSA_MemTypeMallocD(0, QOSA_MEM_DYN, __LINE__, kFile), nullptr);
-    const int refused[][2] = {{0, 4}, {-1, 4}, {0x10000, 0x10000}}; // the last is 2^32
+    const int refused[][2] = {{0, 4}, {-1, 4}, {4, 0}, {0x10000, 0x10000}}; // the last is 2^32
     for (const auto& r : refused)
         EXPECT_EQ(MemCallocMem(kFile, __LINE__, r[0], r[1]), nullptr) << r[0];
     EXPECT_EQ(T.ulErrCnt, errors_);

@@ -68,13 +68,20 @@ TEST(Sem, OperationsOnBothKinds) {
 
         // Deadlines already past (also earlier in this second) are refused without taking the free unit.
         ASSERT_EQ(QOSA_SemPostWin(s), 0);
-        timespec past = from_now(-1000), earlierThisSecond{from_now(0).tv_sec, 0};
+        timespec past = from_now(-1000), earlierThisSecond{from_now(0).tv_sec, 0}, bad = from_now(1000);
+        bad.tv_nsec = 1000000000;
         EXPECT_EQ(QOSA_SemTimedWait(s, &past), -1);
         EXPECT_EQ(QOSA_SemTimedWait(s, &earlierThisSecond), -1);
+        EXPECT_TRUE(QOSA_SemTimedWait(s, &bad) == -1 && errno == EINVAL);
         EXPECT_EQ(QOSA_SemTryWait(s), 0) << "the unit is still there";
+        ASSERT_EQ(QOSA_SemPost(s), 0);
+        timespec far = from_now(0);
+        far.tv_sec += 1000000000000; // beyond the longest wait
+        EXPECT_EQ(QOSA_SemTimedWait(s, &far), 0);
         ASSERT_EQ(QOSA_SemDestroy(s), 0);
         EXPECT_EQ(s->tag, QOSA_SEM_TAG_DESTROYED);
         EXPECT_EQ(QOSA_SemPost(s), -1) << "a destroyed record is refused";
+        EXPECT_TRUE(QOSA_SemWait(s) == -1 && QOSA_SemTryWait(s) == -1 && errno == EINVAL);
         EXPECT_EQ(QOSA_SemDestroy(s), -1);
     }
     EXPECT_EQ(QOSA_SemClose(&unnamed), -1) << "a destroyed unnamed record holds nothing to close";

@@ -7,6 +7,8 @@
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <spawn.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -77,6 +79,30 @@ TEST(SocketConnect, HostOrderIPv4AndNetworkOrderIPv6ReachTheListener) {
     }
 }
 
+TEST(SocketData, LengthsAndPendingBytesPassThrough) {
+    for (int type : {SOCK_STREAM, SOCK_DGRAM}) {
+        int pair[2];
+        ASSERT_EQ(socketpair(AF_UNIX, type, 0, pair), 0);
+        char buf[8] = {};
+        int pending = 0;
+        EXPECT_EQ(
+            type == SOCK_STREAM ? QOSA_Send(pair[0], "ping", 4, 0) : QOSA_Sendto(pair[0], "ping", 4, 0, nullptr, 0), 4);
+        EXPECT_TRUE(QOSA_IoctlSocket(pair[1], FIONREAD, &pending) == 0 && pending == 4) << pending;
+        EXPECT_EQ(type == SOCK_STREAM ? QOSA_Recv(pair[1], buf, sizeof buf, 0)
+                                      : QOSA_Recvfrom(pair[1], buf, sizeof buf, 0, nullptr, nullptr),
+                  4);
+        EXPECT_STREQ(buf, "ping");
+        QOSA_CloseSocket(pair[0]);
+        QOSA_CloseSocket(pair[1]);
+    }
+    // The fixed results of the entry points with nothing to do here.
+    EXPECT_EQ(QOSA_InitSocket(), 1);
+    QOSA_DInitSocket();
+    EXPECT_EQ(QOSA_GetHostByName_S("localhost"), -1);
+    qosaAddrInfoSwapNameAndAddr(nullptr);
+    EXPECT_STREQ(QOSA_InetNtoa(QOSA_InetAddr("10.1.2.3")), "10.1.2.3");
+}
+
 TEST(SocketAddresses, TextTestAndLocalAddressesInNetworkOrder) {
     EXPECT_EQ(QOSA_TestIpType("192.168.1.1"), AF_INET);
     EXPECT_EQ(QOSA_TestIpType("fe80::1"), ORV_Socket_Get_AF_INET6());
@@ -86,6 +112,9 @@ TEST(SocketAddresses, TextTestAndLocalAddressesInNetworkOrder) {
     hints.ai_flags = AI_NUMERICHOST;
     addrinfo* list = nullptr;
     EXPECT_EQ(QOSA_GetAddrInfo("host", nullptr, &hints, &list), -1);
+    ASSERT_EQ(QOSA_GetAddrInfo("127.0.0.1", "80", &hints, &list), 0);
+    EXPECT_EQ(list->ai_family, AF_INET);
+    QOSA_FreeAddrInfo(list);
 
     in_addr lo4{htonl(INADDR_LOOPBACK)};
     in6_addr far6{};

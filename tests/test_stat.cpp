@@ -29,19 +29,10 @@ std::string slurp(const char* path) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-// This process under a 15-character name (the kernel's limit) of its own.
-// qemu-user makes up the emulated process's own stat line (named after the
-// executable, times and sizes 0), and the scans see that line: under it this
-// process goes by that name (the build runs no two of these tests at once).
-const std::string g_me = [] {
-    std::string n = ("qosatest" + std::to_string(getpid()) + "xxxxxxx").substr(0, 15);
-    prctl(PR_SET_NAME, n.c_str());
-    if (qosa_test::kUnderEmulator) {
-        const std::string line = slurp("/proc/self/stat");
-        n = line.substr(line.find('(') + 1, line.rfind(')') - line.find('(') - 1);
-    }
-    return n;
-}();
+// This process under a 15-character name (the kernel's limit) of its own,
+// or, under qemu-user, the executable's name (the build runs no two of these
+// tests at once).
+const std::string g_me = qosa_test::name_self(("qosatest" + std::to_string(getpid()) + "xxxxxxx").substr(0, 15));
 
 void release(void* p) { QOSA_MemTypeFreeD(p, QOSA_MEM_DYN, __LINE__, __FILE__); }
 
@@ -104,10 +95,18 @@ TEST(StatText, StatLinesNamesAndStates) {
     EXPECT_EQ(v, 77u);
     EXPECT_TRUE(stat_pair("7 (w) S\t 1 \r\n 2  3", 4, name, &v) == 0 && v == 3) << "blanks of every kind";
     EXPECT_TRUE(stat_pair("7 (big) R 4294967296 5", 4, name, &v) == 0 && v == 5) << "the sum keeps its low 32 bits";
+    // Lines cut anywhere: the fields read so far.
+    const std::pair<const char*, int> heads[] = {{"(a) S 1 2", -1}, {"7 a) S 1 2", 1}, {"7 (a S 1 2", 1},
+                                                 {"7 (a) \n", 2},   {"7 (a) S x", 3},  {"7 (a) S 1", 4}};
+    for (auto [line, fields] : heads) {
+        StatHead h;
+        EXPECT_EQ(parse_stat_head(line, &h), fields) << line;
+    }
 
     EXPECT_TRUE(name_matches("bash", "(bash)") && name_matches("abcdefghijklmnoPQRST", "(abcdefghijklmno)"));
     EXPECT_FALSE(name_matches("bashx", "(bash)") || name_matches("abcdefghijklmnXPQRS", "(abcdefghijklmno)"));
     EXPECT_FALSE(name_matches("abcdefghijklmnoP", "(abcdefghijklmn)")) << "a 14-character name was not cut";
+    EXPECT_FALSE(name_matches("", "(") || name_matches("", "")) << "no token";
     std::string codes;
     for (char letter : std::string("RSDTWZXIt"))
         codes += std::to_string(state_code(letter));
@@ -128,6 +127,8 @@ TEST(StatText, CpuLineRatesAndMeminfo) {
     EXPECT_EQ(busy_rate(a, b), 2500u);
     b.idle = a.idle - 10; // idle went back: still a rate
     EXPECT_EQ(busy_rate(a, b), 10000u);
+    EXPECT_EQ(busy_rate({}, {u64{1} << 61, 0, 0, u64{1} << 61}), 5000u) << "totals too large to scale first";
+    EXPECT_EQ(busy_rate(b, a), 0u) << "counters that went back";
 
     EXPECT_EQ(process_share(0xFFFFFFF0u, 0x10u, 64), 5000u) << "32-bit tick counters wrap";
     EXPECT_EQ(process_share(150, 100, 200), 0u) << "ticks that went back";

@@ -2,10 +2,8 @@
 // statistics unit, and no call leaves a working array behind.
 #include <gtest/gtest.h>
 
-#include <sys/prctl.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <iterator>
 #include <string>
 
@@ -25,13 +23,7 @@ static void expect_result_block(void* p, u32 bytes) {
 
 TEST(StatTracked, ResultArraysAreTrackedAndNothingIsLeft) {
     QOSA_MemInitMemMange();
-    std::string me = "qosatrack" + std::to_string(getpid());
-    prctl(PR_SET_NAME, me.c_str());
-    if (qosa_test::kUnderEmulator) { // the scans see the emulator's own stat line, named after the executable
-        std::ifstream in("/proc/self/stat");
-        const std::string line{std::istreambuf_iterator<char>(in), {}};
-        me = line.substr(line.find('(') + 1, line.rfind(')') - line.find('(') - 1);
-    }
+    const std::string me = qosa_test::name_self("qosatrack" + std::to_string(getpid()));
     const auto& table = qosa::mem::g_MemMonitorRecord;
     const u32 live = table.ulCurCnt, errors = table.ulErrCnt;
 

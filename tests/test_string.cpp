@@ -11,6 +11,8 @@
 
 TEST(String, ForwardersAndCase) {
     EXPECT_EQ(QOSA_StriNCmp("HeLLo!", "hello?", 5), 0);
+    EXPECT_TRUE(QOSA_StriCmp("HeLLo", "hello") == 0 && QOSA_StriCmp("a", "B") < 0);
+    EXPECT_FLOAT_EQ(QOSA_StrToFloat(" 2.5e1x"), 25.0f);
     EXPECT_LT(QOSA_StrNCmp("abcX", "abcY", 0x80000000u), 0) << "the count is not taken as negative";
     char t[] = "abc1", empty[] = "";
     EXPECT_EQ(QOSA_StrToUper(t), t);

@@ -40,7 +40,9 @@ const std::wstring kMixedW = L"Gr\u00FC\u00DF Gott \u03A9 \u4E16\u754C \U0001F60
 TEST(Utf8Validating, DropsTheLeadByteOfEveryInvalidSequence) {
     EXPECT_EQ(wide(""), L"") << "a block holding just the 0 unit";
     // Overlong forms, a lead whose next byte is looked at again, bytes that cannot lead, a cut sequence.
-    EXPECT_EQ(wide("x\xC0\x80y\xE4\xC3\xA9\xE0\x80\x80\xF8\x80\x80\x80\x80\xFE\xFF\x80z\xC3"), L"xy\u00E9z");
+    EXPECT_EQ(wide("x\xC0\x80y\xE4\xC3\xA9\xE0\x80\x80\xF8\x80\x80\x80\x80\xFE\xFF\x80\xF0\x9F\x98z\xC3"),
+              L"xy\u00E9z");
+    EXPECT_EQ(wide("\xC3\xA9\xC3\xA9\xC1\xA9\xC3\xA9"), L"\u00E9\u00E9\u00E9") << "an overlong pair among four";
     EXPECT_EQ(wide("\xF8\x88\x80\x80\x80\xED\xA0\x80\xF4\x90\x80\x80"), (std::wstring{0x200000, 0xD800, 0x110000}));
     // U+00E9 is one byte, U+1F600 is stored 00 F6 01 00.
     EXPECT_EQ(take(ORV_Utf8ToUnicodeA("x\xC3\xA9\xF0\x9F\x98\x80y")), "x\xE9\xF6\x01y");

@@ -1,6 +1,8 @@
 // Timed condition waits, thread creation and handles, sleeps.
 #include <gtest/gtest.h>
 
+#include <sched.h>
+#include <sys/resource.h>
 #include <sys/time.h>
 
 #include <cerrno>
@@ -89,13 +91,29 @@ TEST(Thread, CreateWithAttributesJoinAndSelf) {
     ASSERT_EQ(QOSA_PthreadAttrSetStacksize(&attr, 1u << 20), 0);
     EXPECT_EQ(QOSA_PthreadAttrGetStacksize(&attr, &stack), 0);
     EXPECT_EQ(stack, 1u << 20);
+    const sched_param param{0};
+    EXPECT_EQ(QOSA_PthreadAttrSetSchedparam(&attr, &param), 0);
     pthread_t t{};
     int token = 0;
     void* ret = nullptr;
     ASSERT_EQ(QOSA_PthreadCreateID(&t, 1234, &attr, same_self, &token), 0);
     ASSERT_EQ(QOSA_PthreadJoin(t, &ret), 0);
     EXPECT_EQ(ret, &token) << "a handle name gave another thread's handle";
+    ASSERT_EQ(QOSA_PthreadCreate(&t, &attr, same_self, &token), 0);
+    EXPECT_EQ(QOSA_PthreadDetach(t), 0);
     EXPECT_EQ(QOSA_PthreadAttrDestroy(&attr), 0);
+    EXPECT_EQ(QOSA_PthreadSetName("qosa-named"), 0);
+    EXPECT_EQ(QOSA_PthreadCondAttr_SetClockMonotic(nullptr), 0);
+}
+
+TEST(Priority, PassesThrough) {
+    const int nice = getpriority(PRIO_PROCESS, 0);
+    EXPECT_EQ(QOSA_GetPriority(PRIO_PROCESS, 0), nice);
+    EXPECT_EQ(ORV_GetPriority(PRIO_PGRP, 0), getpriority(PRIO_PGRP, 0));
+    EXPECT_EQ(QOSA_SetPriority(PRIO_PROCESS, 0, nice), 0);
+    EXPECT_EQ(ORV_SetPriority(PRIO_PROCESS, -1, nice), -1) << "no such process";
+    EXPECT_EQ(QOSA_SchedGetPriorityMax(SCHED_FIFO), sched_get_priority_max(SCHED_FIFO));
+    EXPECT_EQ(QOSA_SchedGetPriorityMin(SCHED_RR), sched_get_priority_min(SCHED_RR));
 }
 
 TEST(Sleep, MillisecondsWrapIn32Bits) {
@@ -103,4 +121,7 @@ TEST(Sleep, MillisecondsWrapIn32Bits) {
     EXPECT_EQ(QOSA_SleepMs(4294968), 0); // 704 us once the product wraps
     EXPECT_GE(us_since(t0), 704);
     EXPECT_LT(us_since(t0), 1000000);
+    t0 = Clock::now();
+    EXPECT_EQ(QOSA_USleep(3000), 0);
+    EXPECT_GE(us_since(t0), 3000);
 }

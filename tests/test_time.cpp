@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstring>
 
 #include "qosa_time.h"
@@ -63,7 +64,7 @@ TEST(Validity, CalendarWildcardsAndTimeOfDay) {
                            {2024, -1, 31, 0, 0, 0, 1}, {-1, -1, -1, -1, -1, -1, 1}, {-2, 1, 1, 0, 0, 0, 0},
                            {2024, 1, -2, 0, 0, 0, 0},  {2024, 1, 1, 24, 0, 0, 0},   {2024, 1, 1, 0, 60, 0, 0},
                            {2024, 1, 1, 0, 0, 60, 0},  {2024, 1, 1, -2, 0, 0, 0},   {2024, 1, 1, 0, -2, 0, 0},
-                           {2024, 1, 1, 0, 0, -2, 0}};
+                           {2024, 1, 1, 0, 0, -2, 0},  {2024, 13, 1, 0, 0, 0, 0}};
     for (const auto& r : rows) {
         QOSA_SysTime t = at(r[0], r[1], r[2], r[3], r[4], r[5]);
         EXPECT_EQ(ZAL_IsSysTimeValid(&t), u32(r[6])) << "row " << &r - rows;
@@ -101,6 +102,7 @@ TEST(Clocks, RunTimeAndWallClock) {
     EXPECT_EQ(qosa::time::wall_ms({(1LL << 32) + 5, 678999}), 5678u);
     ASSERT_TRUE(qosa::time::to_time_ex({1709642096, 789999}, &ex)); // 2024-03-05 12:34:56.789 UTC
     EXPECT_EQ(ex_ms(ex), 1709642096789u);
+    EXPECT_FALSE(qosa::time::to_time_ex({LLONG_MAX, 0}, &ex)) << "no year for it";
 }
 
 TEST(Wrappers, ErrorResultAndThePlatformRecord) {
@@ -108,6 +110,14 @@ TEST(Wrappers, ErrorResultAndThePlatformRecord) {
     char buf[32];
     tm.tm_year = 2147483647; // a year asctime cannot print
     EXPECT_EQ(QOSA_AscTime_S(&tm, buf), 0xFFFFFFFFu);
+    const time_t never = LLONG_MAX; // beyond every broken-down year
+    EXPECT_EQ(QOSA_LocalTime_S(&tm, &never), 0xFFFFFFFFu);
+    EXPECT_EQ(QOSA_GmTime_S(&tm, &never), 0xFFFFFFFFu);
+    EXPECT_EQ(QOSA_CTime_S(&never, buf), 0xFFFFFFFFu);
+    timeval tv{};
+    struct timezone tz {};
+    gettimeofday(&tv, &tz);
+    EXPECT_EQ(QOSA_GetTimezone(), tz.tz_minuteswest);
 
     // Every field is copied; month and year move to the platform's origin.
     QOSA_SysTime s{56, 34, 12, 5, 3, 2024, 2, 64, 1, 3600, "XYZ"};
@@ -126,12 +136,12 @@ TEST(SetSysTime, RefusalsLeaveTheClockAlone) {
     if (pid == 0) {
         __user_cap_header_struct hdr{_LINUX_CAPABILITY_VERSION_3, 0};
         __user_cap_data_struct cap[2]{};
-        if (syscall(SYS_capget, &hdr, cap) != 0) _exit(255);
+        if (syscall(SYS_capget, &hdr, cap) != 0) qosa_test::child_exit(255);
         cap[0].effective &= ~(1u << CAP_SYS_TIME);
         cap[0].permitted &= ~(1u << CAP_SYS_TIME);
         if (syscall(SYS_capset, &hdr, cap) != 0 || syscall(SYS_capget, &hdr, cap) != 0 ||
             (cap[0].effective & (1u << CAP_SYS_TIME)) != 0)
-            _exit(255); // the privilege is still there: set nothing
+            qosa_test::child_exit(255); // the privilege is still there: set nothing
         // year, month, day, hour, minute, second
         const s32 rec[][6] = {{2023, 2, 29, 12, 0, 0}, {2030, 1, 1, 0, 0, -1},    {2030, 1, 1, 0, -1, 0},
                               {2030, 1, 1, -1, 0, 0},  {2030, 1, -1, 12, 0, 0},   {2030, -1, 1, 12, 0, 0},
@@ -144,9 +154,10 @@ TEST(SetSysTime, RefusalsLeaveTheClockAlone) {
             // The kernel, not the C library, must refuse the zone. qemu-user forwards the system call
             // through the host's C library, which refuses a time and a zone together with EINVAL.
             int want = i < 7 ? 4321 : i == 7 || qosa_test::kUnderEmulator ? -1 : EPERM;
-            if (res != 0xFFFFFFFFu || (want == -1 ? errno != EPERM && errno != EINVAL : errno != want)) _exit(1 + i);
+            if (res != 0xFFFFFFFFu || (want == -1 ? errno != EPERM && errno != EINVAL : errno != want))
+                qosa_test::child_exit(1 + i);
         }
-        _exit(0);
+        qosa_test::child_exit(0);
     }
     ASSERT_GT(pid, 0);
     int status = 0;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
@@ -114,6 +115,7 @@ TEST_F(Timer, FirstCreateStartsTheServiceAndItsStopRunsEveryRequestFirst) {
     EXPECT_EQ(QOSA_StartTimerTask(nullptr, nullptr), 0u) << "already running";
     ASSERT_EQ(QOSA_StartRelTimer_Simple(60000, count_up, &done), 0u);
     void* a = QOSA_CreateAbsTimerM(count_up, QOSA_TIMER_LOOP);
+    EXPECT_TRUE(petimer_create_abstimer(nullptr, QOSA_TIMER_LOOP) == nullptr && errno == EINVAL);
     QOSA_SysTime never{0, 0, 0, 1, 1, 2100, 0, 0, 0, 0, nullptr};
     ASSERT_EQ(QOSA_StartAbsTimer(a, &never, nullptr) | QOSA_StopAbsTimer_Safe(a, count_up, &done), 0u);
 
@@ -175,6 +177,7 @@ TEST_F(Timer, CountLimits) {
 
     QOSA_TMRSetMaxAbstmNum(2);
     void* a = QOSA_CreateAbsTimerM(count_up, QOSA_TIMER_LOOP);
+    EXPECT_TRUE(petimer_create_abstimer(nullptr, QOSA_TIMER_LOOP) == nullptr && errno == EINVAL);
     EXPECT_NE(QOSA_CreateAbsTimerM(count_up, QOSA_TIMER_LOOP), nullptr);
     EXPECT_EQ(QOSA_CreateAbsTimerM(count_up, QOSA_TIMER_LOOP), nullptr);
     EXPECT_EQ(QOSA_FreeAbsTimer(a), 0u);
@@ -182,11 +185,31 @@ TEST_F(Timer, CountLimits) {
     EXPECT_NE(QOSA_CreateAbsTimerM(count_up, QOSA_TIMER_LOOP), nullptr);
     EXPECT_EQ(QOSA_StopTimerTask(), 0u);
     QOSA_TMRSetMaxAbstmNum(2000);
+
+    // A maximum too large to index: the start fails and undoes its steps; it works once the maximum fits.
+    for (void (*set_max)(u32) : {QOSA_TMRSetMaxReltmNum, QOSA_TMRSetMaxAbstmNum}) {
+        set_max(0x20000000u);
+        EXPECT_EQ(QOSA_StartTimerTask(nullptr, nullptr), 12u);
+        EXPECT_EQ(create(QOSA_TIMER_LOOP), nullptr);
+        set_max(2000);
+        EXPECT_NE(create(QOSA_TIMER_LOOP), nullptr);
+        EXPECT_EQ(QOSA_StopTimerTask(), 0u);
+    }
+}
+
+TEST_F(Timer, StopIsRefusedOnTheTimerThread) { // it would wait for itself
+    static std::atomic<u32> fromCallback{0};
+    ASSERT_EQ(QOSA_StartRelTimer_Simple(
+                  10, [](void*) { fromCallback = QOSA_StopTimerTask(); }, nullptr),
+              0u);
+    EXPECT_TRUE(eventually([] { return fromCallback.load() != 0; }));
+    EXPECT_EQ(fromCallback.load(), QOSA_ERROR);
 }
 
 TEST_F(Timer, TraceLongCallbackWarningAndSystemControlHook) {
     QOSA_TimerRegDebugTrace(collect);
     std::string fits(511, 'x');
+    qosa_timer_debug(nullptr);
     qosa_timer_debug("%s", fits.c_str());
     qosa_timer_debug("%s!", fits.c_str()); // 512 characters: not sent
     auto slow = [](void*) { std::this_thread::sleep_for(150ms); };
@@ -207,8 +230,9 @@ TEST_F(Timer, TraceLongCallbackWarningAndSystemControlHook) {
 
     testing::internal::CaptureStdout();
     EXPECT_EQ(QOSA_SysCtrlRegTaskTid("net"), 27);
+    EXPECT_EQ(QOSA_SysCtrlRegTaskTid(nullptr), 30);
     std::fflush(stdout);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "QOSA_SysCtrlRegTaskTid net\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "QOSA_SysCtrlRegTaskTid net\nQOSA_SysCtrlRegTaskTid (null)\n");
     auto hook = [](const char* name, va_list args) {
         int n = va_arg(args, int);
         return static_cast<int>(std::string(name).size() * 100 + std::string(va_arg(args, const char*)).size()) + n;

@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <iterator>
 
@@ -93,6 +94,21 @@ void edge_erase(u32* at) {
         }
     }
     s_edge[hole] = 0;
+}
+
+// Each read-only guard page splits a heap mapping in two, so past the
+// kernel's map budget (vm.max_map_count) mprotect refuses further ones. The
+// block is served all the same, without its guard page: its guard words
+// still catch overflows at release, copy, scan and self-check. The first
+// refusal is said once per process.
+u8 s_guardRefused = 0;
+
+void guard_page_refused() {
+    if (__atomic_exchange_n(&s_guardRefused, u8{1}, __ATOMIC_RELAXED) != 0) return;
+    std::printf("memory tracker: no guard pages past %u guarded blocks (mprotect refused one); later blocks are "
+                "checked by their guard words only; sysctl vm.max_map_count raises the limit\n",
+                load(T.ulCurCnt) - 1);
+    std::fflush(stdout);
 }
 
 // Sizes of a block: the requested size rounded up to the alignment, and the
@@ -274,7 +290,7 @@ void* sysMemAddUserMem(u32 size, u32 align, const char* file, u32 line, u32 type
         std::free(base);
         return nullptr;
     }
-    sysMemProtect(p + rounded);
+    if (sysMemProtect(p + rounded) != 0) guard_page_refused();
     return p;
 }
 

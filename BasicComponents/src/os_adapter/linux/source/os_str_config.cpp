@@ -352,8 +352,8 @@ u32 ORV_Utf8Check(char* buffer, s32 len) {
         return 1;
     }
     // Only sequence starts are looked at; the last sequence goes when it does
-    // not leave room for the terminator.
-    for (s32 i = 0; i < len;) {
+    // not leave room for the terminator (so every step stays below len).
+    for (s32 i = 0;;) {
         auto c = static_cast<u8>(buffer[i]);
         if (c == 0) return 0;
         s32 step = c >= 0xFC ? 6 : c >= 0xF8 ? 5 : c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC0 ? 2 : 1;
@@ -363,7 +363,6 @@ u32 ORV_Utf8Check(char* buffer, s32 len) {
         }
         i += step;
     }
-    return 1;
 }
 
 } // extern "C"

@@ -124,17 +124,22 @@ time_t QOSA_MkTime(struct tm* tm) {
     return guarded<time_t>(0, need(tm), [=] { return mktime(tm); });
 }
 
+// The clocks of a running Linux system can always be read, and the present
+// always has a broken-down time: the failure branches of those readings
+// (GCOVR_EXCL_BR) are left out of the coverage figures.
 u32 QOSA_GetTime(struct tm* out) {
     time_t now = ::time(nullptr);
     if (out == nullptr) return 0;
-    return gmtime_r(&now, out) ? 0u : QOSA_ERROR;
+    return gmtime_r(&now, out) ? 0u : QOSA_ERROR; // GCOVR_EXCL_BR_LINE
 }
 
 void QOSA_GetTimeEx(QOSA_TimeEx* out) {
     if (out == nullptr) return;
     timeval tv{};
     gettimeofday(&tv, nullptr);
+    // GCOVR_EXCL_BR_START
     if (!qosa::time::to_time_ex(tv, out)) memset_s(out, sizeof *out, 0, sizeof *out);
+    // GCOVR_EXCL_BR_STOP
 }
 
 u64 QOSA_GetSystemTime(void) {
@@ -151,12 +156,12 @@ u32 QOSA_GetSysTimeSec(void) {
 
 u32 QOSA_GetSysRunTime(void) {
     timespec ts;
-    return boot_clock(&ts) ? qosa::time::run_ms(ts) : 0;
+    return boot_clock(&ts) ? qosa::time::run_ms(ts) : 0; // GCOVR_EXCL_BR_LINE
 }
 
 u32 QOSA_GetSysRunTimeSec(void) {
     timespec ts;
-    return boot_clock(&ts) ? static_cast<u32>(ts.tv_sec) : 0;
+    return boot_clock(&ts) ? static_cast<u32>(ts.tv_sec) : 0; // GCOVR_EXCL_BR_LINE
 }
 
 s32 QOSA_GetTimezone(void) {
@@ -169,7 +174,7 @@ s32 QOSA_GetTimezone(void) {
 s32 QOSA_SetTimezone(s32 minutesWest) {
     timeval tv{};
     struct timezone tz {};
-    if (gettimeofday(&tv, &tz) != 0) return -1;
+    if (gettimeofday(&tv, &tz) != 0) return -1; // GCOVR_EXCL_BR_LINE
     tz.tz_minuteswest = minutesWest;
     // The C library refuses a time and a zone in one call; the kernel takes both.
     return static_cast<s32>(syscall(SYS_settimeofday, &tv, &tz));

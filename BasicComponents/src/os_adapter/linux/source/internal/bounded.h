@@ -65,9 +65,10 @@ int vsnprintf_s(char* dest, std::size_t destMax, std::size_t count, const char* 
 // sscanf with a buffer size (std::size_t) after the pointer of every %s, %c
 // and %[ conversion. A %s or %[ takes at most size - 1 characters (a longer
 // field is cut there and the scan goes on after the cut); a %c wider than its
-// buffer, a null buffer or a size of 0 ends the scan with -1. Otherwise the
-// result is sscanf's: the count of assigned items, or -1 on an input failure
-// before the first conversion.
+// buffer, a %s or %[ buffer with no room for a character and the NUL, a null
+// buffer or a size of 0 ends the scan with -1 before anything is read.
+// Otherwise the result is sscanf's: the count of assigned items, or -1 on an
+// input failure before the first conversion.
 int sscanf_s(const char* buffer, const char* fmt, ...);
 
 // Three-argument tokeniser: the position is kept in *context.

@@ -1,4 +1,6 @@
-// RAII lock over the library's own mutex.
+// RAII lock over the library's own mutex. The library's mutexes are of types
+// whose lock does not fail (no error checking, no robustness), so locked()
+// holds on Linux; its failure branches are left out of the coverage figures.
 #pragma once
 
 #include "qosa_lock.h"
@@ -9,7 +11,7 @@ class MutexGuard {
   public:
     explicit MutexGuard(QosaMutex* m) : m_(m), locked_(QOSA_MutexLock(m) == 0) {}
     ~MutexGuard() {
-        if (locked_) QOSA_MutexUnLock(m_);
+        if (locked_) QOSA_MutexUnLock(m_); // GCOVR_EXCL_BR_LINE
     }
     MutexGuard(const MutexGuard&) = delete;
     MutexGuard& operator=(const MutexGuard&) = delete;
