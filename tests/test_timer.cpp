@@ -38,14 +38,13 @@ void on_expiry(u32 index, u32 value) {
     s_hits.push_back({index, value, ms_since(s_t0), time(nullptr)});
 }
 void record(void* id) { on_expiry(*static_cast<u32*>(id), 0); }
-std::vector<std::string> traces() {
+template <class T>
+T copy_of(const T& v) {
     std::lock_guard<std::mutex> l(s_lock);
-    return s_trace;
+    return v;
 }
-std::vector<Hit> hits() {
-    std::lock_guard<std::mutex> l(s_lock);
-    return s_hits;
-}
+std::vector<std::string> traces() { return copy_of(s_trace); }
+std::vector<Hit> hits() { return copy_of(s_hits); }
 std::vector<double> times_of(u32 who) {
     std::vector<double> at;
     for (const Hit& h : hits())

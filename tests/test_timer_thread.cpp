@@ -175,7 +175,7 @@ void start(u32 mode, std::initializer_list<u32> ms, QOSA_TimerProc proc = on_fir
     for (u32 interval : ms) {
         void* t = petimer_create_reltimer(proc, mode);
         ASSERT_NE(t, nullptr);
-        __atomic_fetch_add(&g_reltmNum, 1, __ATOMIC_ACQ_REL);
+        qosa::timer::reltm_count().add();
         ASSERT_EQ(petimer_start_reltimer(t, interval, &kNames[h.size()]), 0u);
         h.push_back(t);
     }

@@ -19,7 +19,7 @@
 
 extern "C" {
 u32 ulMaxAbstmNum = 2000;
-s32 g_abstmNum = 0; // updated with atomic operations only
+s32 g_abstmNum = 0; // changed through LiveCount only
 void** g_szAbsTimer = nullptr;
 void** g_pAbsHead = nullptr;
 void** g_pAbsTail = nullptr;
@@ -169,6 +169,8 @@ u32 delinit_abstm(void) {
 }
 
 void* petimer_create_abstimer(QOSA_TimerProc proc, u32 mode) {
+    // Without a free slot (the service down, too) the callback is not looked
+    // at: NULL with errno untouched.
     if (!Abs::has_free_slot()) return nullptr;
     if (proc == nullptr) {
         errno = EINVAL;

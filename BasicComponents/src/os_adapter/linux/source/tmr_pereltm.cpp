@@ -18,7 +18,7 @@
 
 extern "C" {
 u32 ulMaxReltmNum = 2000;
-s32 g_reltmNum = 0; // updated with atomic operations only
+s32 g_reltmNum = 0; // changed through LiveCount only
 void** g_szRelTimer = nullptr;
 void** g_pRelHead = nullptr;
 void** g_pRelTail = nullptr;
