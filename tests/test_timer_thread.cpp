@@ -4,10 +4,7 @@
 
 #include <pthread.h>
 
-#include <atomic>
-#include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "internal/timer_service.h"
@@ -133,9 +130,7 @@ TEST(TimerTsklet, InvokeallOrderQueueingWhileADrainRunsAndDelinitDiscards) {
             EXPECT_EQ(tsklet_invokelater(&g_q, note, &S), 0u);
             queued = true;
         });
-        for (auto end = std::chrono::steady_clock::now() + 5s; !queued && std::chrono::steady_clock::now() < end;)
-            std::this_thread::yield();
-        g_ran += queued ? 'X' : '-';
+        g_ran += qosa_test::eventually([] { return queued.load(); }) ? 'X' : '-';
         EXPECT_EQ(tsklet_invokefirst(&g_q, note, &R), 0u);
     };
     ASSERT_EQ(tsklet_invokelater(&g_q, note, &A), 0u);
