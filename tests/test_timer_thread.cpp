@@ -153,6 +153,23 @@ TEST(TimerTsklet, InvokeallOrderQueueingWhileADrainRunsAndDelinitDiscards) {
     EXPECT_EQ(g_ran, "DAXBRSCA") << "discarded unrun";
 }
 
+// The index entry points exported beside the service's own use of them.
+TEST(TimerIndex, ExportedLocksBuildsAndSlotRelease) {
+    EXPECT_EQ(reltmr_idxLock() | reltmr_idxUnLock() | abstmr_indexLock() | abstmr_indexUnLock(), 0);
+    ASSERT_EQ(init_abstm(), 0u);
+    auto** slot = static_cast<void**>(petimer_create_abstimer(+[](void*) {}, QOSA_TIMER_LOOP));
+    ASSERT_NE(slot, nullptr);
+    void* record = *slot;
+    EXPECT_EQ(petimer_relAbsIndex(slot), 0u);
+    EXPECT_EQ(petimer_relAbsIndex(slot), 22u) << "free already";
+    QOSA_MemTypeFreeD(record, QOSA_MEM_DYN, __LINE__, __FILE__); // no slot holds it any more
+    EXPECT_EQ(delinit_abstm(), 0u);
+    EXPECT_EQ(init_AbsIndex(), 0u);
+    EXPECT_NE(g_szAbsTimer, nullptr);
+    EXPECT_EQ(delinit_AbsIndex(), 0);
+    EXPECT_EQ(g_szAbsTimer, nullptr);
+}
+
 namespace {
 std::string g_log;    // "<timer><tick> " per firing
 std::vector<void*> h; // handles of the timers a, b, c, ... of a test
@@ -192,6 +209,7 @@ class TimerWheel : public ::testing::Test {
 } // namespace
 
 TEST_F(TimerWheel, IntervalsRoundToTicksAndFarTimersKeepTheirOrder) {
+    ASSERT_EQ(init_RelIndex(), 0u); // a fresh index replaces the set-up's
     start(QOSA_TIMER_ONCE, {0, 14, 15, 10235, 10240, 10245, 30720, 20480, 20480});
     passes(1, 3100); // all placed at tick 0
     EXPECT_EQ(g_log, "a1 b1 c2 d1024 e1024 f1025 h2048 i2048 g3072 ");

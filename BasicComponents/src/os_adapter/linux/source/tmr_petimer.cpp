@@ -93,8 +93,7 @@ bool set_quitting(u32 value, bool withLocks) {
         MutexGuard rel(reltm_index_lock());
         MutexGuard abs(abstm_index_lock());
         if (!rel.locked() || !abs.locked()) return false; // GCOVR_EXCL_BR_LINE: see MutexGuard
-        __atomic_store_n(&g_timer_quiting, static_cast<s32>(value), __ATOMIC_RELEASE);
-        return true;
+        return set_quitting(value, false);
     }
     __atomic_store_n(&g_timer_quiting, static_cast<s32>(value), __ATOMIC_RELEASE);
     return true;
