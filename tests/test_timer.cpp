@@ -3,38 +3,19 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "qosa.h"
-#include "sanitizers.h"
+#include "timer_helpers.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-using namespace std::chrono_literals;
-
-constexpr int kSlack = qosa_test::kUnderTsan || qosa_test::kUnderAsan ? 4 : 1;
-
-double ms_since(Clock::time_point t0) { return std::chrono::duration<double, std::milli>(Clock::now() - t0).count(); }
-
-template <class Pred>
-bool eventually(Pred done, std::chrono::milliseconds limit = 3s) {
-    for (auto end = Clock::now() + limit * kSlack; !done(); std::this_thread::sleep_for(2ms))
-        if (Clock::now() > end) return false;
-    return true;
-}
-
-// The live counts change on the timer thread: read them atomically.
-s32 live(s32& count) { return std::atomic_ref<s32>(count).load(); }
+using namespace qosa_test;
 
 // What the timer thread reports: trace texts, and hits of relative and
 // absolute timers (who: the id their argument points to) or of group members.
@@ -57,14 +38,13 @@ void on_expiry(u32 index, u32 value) {
     s_hits.push_back({index, value, ms_since(s_t0), time(nullptr)});
 }
 void record(void* id) { on_expiry(*static_cast<u32*>(id), 0); }
-std::vector<std::string> traces() {
+template <class T>
+T copy_of(const T& v) {
     std::lock_guard<std::mutex> l(s_lock);
-    return s_trace;
+    return v;
 }
-std::vector<Hit> hits() {
-    std::lock_guard<std::mutex> l(s_lock);
-    return s_hits;
-}
+std::vector<std::string> traces() { return copy_of(s_trace); }
+std::vector<Hit> hits() { return copy_of(s_hits); }
 std::vector<double> times_of(u32 who) {
     std::vector<double> at;
     for (const Hit& h : hits())
@@ -89,13 +69,17 @@ class Timer : public ::testing::Test {
         QOSA_TimerRegDebugTrace(nullptr);
     }
 };
-class AbsTimer : public Timer {};
-class TimerGroup : public Timer {};
+class StopTimerTask : public Timer {};
+class StartRelTimer : public Timer {};
+class CreateTimerM : public Timer {};
+class TimerDebugTrace : public Timer {};
+class StartAbsTimer : public Timer {};
+class RelTimerGrp : public Timer {};
 
 } // namespace
 
 // The start trace comes after the start lock is released: its receiver may create a timer.
-TEST_F(Timer, FirstCreateStartsTheServiceAndItsStopRunsEveryRequestFirst) {
+TEST_F(StopTimerTask, RunsEveryQueuedRequestFirstAndTheFirstCreateStartsAgain) {
     static void* fromTrace = nullptr;
     QOSA_TimerRegDebugTrace([](const char* text) {
         collect(text);
@@ -115,7 +99,6 @@ TEST_F(Timer, FirstCreateStartsTheServiceAndItsStopRunsEveryRequestFirst) {
     EXPECT_EQ(QOSA_StartTimerTask(nullptr, nullptr), 0u) << "already running";
     ASSERT_EQ(QOSA_StartRelTimer_Simple(60000, count_up, &done), 0u);
     void* a = QOSA_CreateAbsTimerM(count_up, QOSA_TIMER_LOOP);
-    EXPECT_TRUE(petimer_create_abstimer(nullptr, QOSA_TIMER_LOOP) == nullptr && errno == EINVAL);
     QOSA_SysTime never{0, 0, 0, 1, 1, 2100, 0, 0, 0, 0, nullptr};
     ASSERT_EQ(QOSA_StartAbsTimer(a, &never, nullptr) | QOSA_StopAbsTimer_Safe(a, count_up, &done), 0u);
 
@@ -133,11 +116,9 @@ TEST_F(Timer, FirstCreateStartsTheServiceAndItsStopRunsEveryRequestFirst) {
     EXPECT_EQ(traces().size(), 2u);
 }
 
-TEST_F(Timer, OneShotsFireOnceAfterTheirIntervalPeriodicOnesTheTickAfterUntilStopped) {
+TEST_F(StartRelTimer, OneShotsFireOnceAfterTheirIntervalPeriodicOnesTheTickAfterUntilStopped) {
     void* loop = create(QOSA_TIMER_LOOP);
     ASSERT_EQ(QOSA_StartRelTimer(create(QOSA_TIMER_ONCE), 1000, &s_ids[0]), 0u);
-    ASSERT_EQ(QOSA_StartRelTimer(create(QOSA_TIMER_ONCE_FREE), 20, &s_ids[1]), 0u);
-    ASSERT_EQ(QOSA_StartRelTimer_Simple(30, record, &s_ids[2]), 0u);
     ASSERT_EQ(QOSA_StartRelTimer(loop, 100, &s_ids[3]), 0u);
     ASSERT_TRUE(eventually([] { return hits_of(0) == 1 && hits_of(3) >= 9; }));
     std::atomic<int> done{0};
@@ -146,17 +127,15 @@ TEST_F(Timer, OneShotsFireOnceAfterTheirIntervalPeriodicOnesTheTickAfterUntilSto
     std::vector<double> loops = times_of(3);
     std::this_thread::sleep_for(250ms);
     EXPECT_EQ(hits_of(3), loops.size()) << "stopped before the done callback";
-    EXPECT_EQ(hits_of(0) + hits_of(1) + hits_of(2), 3u);
+    EXPECT_EQ(hits_of(0), 1u);
     EXPECT_GE(times_of(0).at(0), 1000.0);
     EXPECT_LE(times_of(0).at(0), 1000.0 + 120 * kSlack);
-    EXPECT_GE(times_of(2).at(0), 30.0);
     double mean = (loops[8] - loops[0]) / 8; // re-armed the tick after it fired
     EXPECT_GE(mean, 105.0);
     EXPECT_LE(mean, 115.0 + 10 * kSlack);
-    EXPECT_EQ(live(g_reltmNum), 2) << "the releasing kinds are gone";
 }
 
-TEST_F(Timer, CountLimits) {
+TEST_F(CreateTimerM, KeepsTheCountLimitsOfBothKinds) {
     QOSA_TMRSetMaxReltmNum(5);
     void* first = create(QOSA_TIMER_LOOP);
     for (int i = 1; i < 5; ++i)
@@ -197,7 +176,7 @@ TEST_F(Timer, CountLimits) {
     }
 }
 
-TEST_F(Timer, StopIsRefusedOnTheTimerThread) { // it would wait for itself
+TEST_F(StopTimerTask, IsRefusedOnTheTimerThread) { // it would wait for itself
     static std::atomic<u32> fromCallback{0};
     ASSERT_EQ(QOSA_StartRelTimer_Simple(
                   10, [](void*) { fromCallback = QOSA_StopTimerTask(); }, nullptr),
@@ -206,10 +185,9 @@ TEST_F(Timer, StopIsRefusedOnTheTimerThread) { // it would wait for itself
     EXPECT_EQ(fromCallback.load(), QOSA_ERROR);
 }
 
-TEST_F(Timer, TraceLongCallbackWarningAndSystemControlHook) {
+TEST_F(TimerDebugTrace, LongCallbackWarningAndSystemControlHook) {
     QOSA_TimerRegDebugTrace(collect);
     std::string fits(511, 'x');
-    qosa_timer_debug(nullptr);
     qosa_timer_debug("%s", fits.c_str());
     qosa_timer_debug("%s!", fits.c_str()); // 512 characters: not sent
     auto slow = [](void*) { std::this_thread::sleep_for(150ms); };
@@ -243,7 +221,7 @@ TEST_F(Timer, TraceLongCallbackWarningAndSystemControlHook) {
 }
 
 // Timers 0 and 1 match one second in two; 2, 3 and 4 every second, in each mode.
-TEST_F(AbsTimer, FullAndEverySecondPatterns) {
+TEST_F(StartAbsTimer, FullAndEverySecondPatternsInEachMode) {
     const QOSA_SysTime june31{0, 0, 0, 31, 6, 2030, 0, 0, 0, 0, nullptr};
     const QOSA_SysTime everySecond{-1, -1, -1, -1, -1, -1, 0, 0, 0, 0, nullptr};
     const time_t due = time(nullptr) + 2;
@@ -284,7 +262,7 @@ TEST_F(AbsTimer, FullAndEverySecondPatterns) {
     EXPECT_EQ(QOSA_FreeAbsTimer(h[2]), 22u);
 }
 
-TEST_F(TimerGroup, ResultCodesInCheckOrder) {
+TEST_F(RelTimerGrp, ResultCodesInCheckOrder) {
     QOSA_RelTimerGrp* g = nullptr;
     EXPECT_EQ(QOSA_InitReltimerGrp(nullptr, 2001, nullptr), 0x20160032u);
     EXPECT_EQ(QOSA_InitReltimerGrp(&g, 2001, nullptr), 0x20160037u);
@@ -315,7 +293,7 @@ TEST_F(TimerGroup, ResultCodesInCheckOrder) {
     QOSA_TMRSetMaxReltmNum(2000);
 }
 
-TEST_F(TimerGroup, MembersFireWithTheirNumberAndValueUntilStopped) {
+TEST_F(RelTimerGrp, MembersFireWithTheirNumberAndValueUntilStopped) {
     QOSA_RelTimerGrp* g = nullptr;
     ASSERT_EQ(QOSA_InitReltimerGrp(&g, 3, on_expiry), 0u);
     ASSERT_EQ(QOSA_StartRelTimerofGrp(g, 0, 100, 7, 0), 0u);
@@ -326,7 +304,7 @@ TEST_F(TimerGroup, MembersFireWithTheirNumberAndValueUntilStopped) {
     std::this_thread::sleep_for(50ms);
     std::vector<double> at0 = times_of(0), at2 = times_of(2);
     // 100 ms fires every 110 ms, 250 ms every 260 ms (re-armed the tick after).
-    int slack = qosa_test::kUnderTsan || qosa_test::kUnderAsan ? 3 : 1;
+    const int slack = kSlack == 1 ? 1 : 3;
     EXPECT_GE(at0.size(), 10u - 2 * slack);
     EXPECT_LE(at0.size(), 10u);
     ASSERT_GE(at2.size(), 4u - slack);

@@ -3,14 +3,9 @@
 // a timer group's release leaves no block behind.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <cstdlib>
-#include <thread>
 
-#include "qosa.h"
-#include "sanitizers.h"
+#include "timer_helpers.h"
 
 // With tracking on every library block comes from posix_memalign, which this
 // executable replaces: once armed, the first `ok` calls are granted and every
@@ -48,26 +43,7 @@ int posix_memalign(void** out, size_t alignment, size_t size) {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-using namespace std::chrono_literals;
-
-template <class Pred>
-bool eventually(Pred done) {
-    const int slack = qosa_test::kUnderTsan || qosa_test::kUnderAsan ? 4 : 1;
-    for (auto end = Clock::now() + 3s * slack; !done(); std::this_thread::sleep_for(2ms))
-        if (Clock::now() > end) return false;
-    return true;
-}
-
-s32 live(s32& count) { return std::atomic_ref<s32>(count).load(); }
-
-// Live tracked blocks whose source file name contains `unit`.
-u32 blocks(const char* unit) {
-    QOSA_MEM_REC_S* recs = nullptr;
-    u32 n = sysMemSortMemInfo(&recs, const_cast<char*>(unit), 2);
-    std::free(recs);
-    return n;
-}
+using namespace qosa_test;
 
 std::atomic<int> s_fired{0};
 void fired(void*) { s_fired++; }
@@ -89,7 +65,7 @@ class TimerNoMemory : public ::testing::Test {
 } // namespace
 
 // The re-arm of a periodic timer needs no memory; a caller's stop still does.
-TEST_F(TimerNoMemory, PeriodicTimerKeepsFiring) {
+TEST_F(TimerNoMemory, StartRelTimerPeriodicTimerKeepsFiring) {
     void* h = QOSA_CreateRelTimerM(fired, QOSA_TIMER_LOOP, __LINE__, "test_timer_nomem.cpp");
     ASSERT_EQ(QOSA_StartRelTimer(h, 20, nullptr), 0u);
     ASSERT_TRUE(eventually([] { return s_fired >= 2; }));
@@ -109,7 +85,7 @@ TEST_F(TimerNoMemory, PeriodicTimerKeepsFiring) {
 }
 
 // A timer released after it fired goes, with its slot and count, when no memory is left.
-TEST_F(TimerNoMemory, ReleasingOneShotsGoAfterFiring) {
+TEST_F(TimerNoMemory, StartRelTimerSimpleAndAbsOnceFreeGoAfterFiring) {
     const u32 blocksBefore = blocks("tmr_");
     const s32 relBefore = live(g_reltmNum), absBefore = live(g_abstmNum);
     ASSERT_EQ(QOSA_StartRelTimer_Simple(30, fired, nullptr), 0u);
@@ -128,7 +104,7 @@ TEST_F(TimerNoMemory, ReleasingOneShotsGoAfterFiring) {
 // Memory runs out at the k-th allocation of a group's free with one member
 // running: only the member's free asks for memory (k = 1: 0x20160048 and the
 // group stays valid); its own release never fails and leaves nothing behind.
-TEST_F(TimerNoMemory, GroupFreeLeavesNoBlock) {
+TEST_F(TimerNoMemory, FreeRelTimerGrpLeavesNoBlock) {
     const u32 blocksBefore = blocks("tmr_");
     for (long grant : {0, 1, 2}) {
         QOSA_RelTimerGrp* g = nullptr;
@@ -149,9 +125,20 @@ TEST_F(TimerNoMemory, GroupFreeLeavesNoBlock) {
     }
 }
 
+// Each allocation records the line of its own call, not that of a helper.
+TEST_F(TimerNoMemory, InitReltimerGrpBlocksNameTheirCalls) {
+    QOSA_RelTimerGrp* g = nullptr;
+    ASSERT_EQ(QOSA_InitReltimerGrp(&g, 2, [](u32, u32) {}), 0u);
+    QOSA_MEM_REC_S* recs = nullptr;
+    ASSERT_EQ(sysMemSortMemInfo(&recs, const_cast<char*>("tmr_group"), 2), 2u); // the group and its members
+    EXPECT_NE(recs[0].ulLine, recs[1].ulLine);
+    std::free(recs);
+    EXPECT_EQ(QOSA_FreeRelTimerGrp(g), 0u);
+}
+
 // Freed while a stop waits for a callback to return: the group is released
 // by the stop (its member's timer counts as gone).
-TEST_F(TimerNoMemory, GroupFreedWhileTheServiceStops) {
+TEST_F(TimerNoMemory, FreeRelTimerGrpWhileTheServiceStops) {
     static std::atomic<int> phase{0}; // 1: the callback runs; 2: it may return
     QOSA_RelTimerGrp* g = nullptr;
     ASSERT_EQ(QOSA_InitReltimerGrp(&g, 1, [](u32, u32) {}), 0u);

@@ -4,16 +4,13 @@
 
 #include <pthread.h>
 
-#include <atomic>
-#include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "internal/timer_service.h"
 #include "qosa_time.h"
 #include "qosa_timer.h"
-#include "sanitizers.h"
+#include "timer_helpers.h"
 
 namespace {
 
@@ -35,7 +32,7 @@ void note(void* arg) { g_ran += *static_cast<const char*>(arg); }
 
 } // namespace
 
-TEST(TimerTicks, SleepsToTheNextBoundarySettlesTheCarryAndSlicesABurst) {
+TEST(TimerCycleTicks, SleepsToTheNextBoundarySettlesTheCarryAndSlicesABurst) {
     using qosa::timer::sleep_us;
     EXPECT_EQ(sleep_us(0), 10000u);
     EXPECT_EQ(sleep_us(3), 7000u);
@@ -70,7 +67,7 @@ TEST(TimerTicks, SleepsToTheNextBoundarySettlesTheCarryAndSlicesABurst) {
 }
 
 // A failed start leaves nothing behind; the same hook twice gives two records.
-TEST(TimerThread, StartHooksAndStop) {
+TEST(TimerPetimerStart, HooksAndStop) {
     static std::vector<s64> seen; // written by the timer thread, read after the join
     const int hooksBefore = tickhook_count();
     auto hook = +[](s64 n) { seen.push_back(n); };
@@ -122,7 +119,7 @@ TEST(TimerThread, StartHooksAndStop) {
 // queue; that waits for the next drain, and a front request still goes first.
 // A tasklet in storage of its own (static here) is run and discarded like the
 // others, but never freed.
-TEST(Tasklets, OrderQueueingWhileADrainRunsAndDiscard) {
+TEST(TimerTsklet, InvokeallOrderQueueingWhileADrainRunsAndDelinitDiscards) {
     using qosa::timer::QueueAt;
     static qosa::timer::OwnedTasklet own;
     static std::atomic<bool> queued{false};
@@ -133,9 +130,7 @@ TEST(Tasklets, OrderQueueingWhileADrainRunsAndDiscard) {
             EXPECT_EQ(tsklet_invokelater(&g_q, note, &S), 0u);
             queued = true;
         });
-        for (auto end = std::chrono::steady_clock::now() + 5s; !queued && std::chrono::steady_clock::now() < end;)
-            std::this_thread::yield();
-        g_ran += queued ? 'X' : '-';
+        g_ran += qosa_test::eventually([] { return queued.load(); }) ? 'X' : '-';
         EXPECT_EQ(tsklet_invokefirst(&g_q, note, &R), 0u);
     };
     ASSERT_EQ(tsklet_invokelater(&g_q, note, &A), 0u);
@@ -158,6 +153,23 @@ TEST(Tasklets, OrderQueueingWhileADrainRunsAndDiscard) {
     EXPECT_EQ(g_ran, "DAXBRSCA") << "discarded unrun";
 }
 
+// The index entry points exported beside the service's own use of them.
+TEST(TimerIndex, ExportedLocksBuildsAndSlotRelease) {
+    EXPECT_EQ(reltmr_idxLock() | reltmr_idxUnLock() | abstmr_indexLock() | abstmr_indexUnLock(), 0);
+    ASSERT_EQ(init_abstm(), 0u);
+    auto** slot = static_cast<void**>(petimer_create_abstimer(+[](void*) {}, QOSA_TIMER_LOOP));
+    ASSERT_NE(slot, nullptr);
+    void* record = *slot;
+    EXPECT_EQ(petimer_relAbsIndex(slot), 0u);
+    EXPECT_EQ(petimer_relAbsIndex(slot), 22u) << "free already";
+    QOSA_MemTypeFreeD(record, QOSA_MEM_DYN, __LINE__, __FILE__); // no slot holds it any more
+    EXPECT_EQ(delinit_abstm(), 0u);
+    EXPECT_EQ(init_AbsIndex(), 0u);
+    EXPECT_NE(g_szAbsTimer, nullptr);
+    EXPECT_EQ(delinit_AbsIndex(), 0);
+    EXPECT_EQ(g_szAbsTimer, nullptr);
+}
+
 namespace {
 std::string g_log;    // "<timer><tick> " per firing
 std::vector<void*> h; // handles of the timers a, b, c, ... of a test
@@ -170,20 +182,18 @@ void passes(int n, s64 ticksEach = 1) {
         qosa::timer::reltm_trigger(ticksEach);
 }
 
-s32 live_count() { return __atomic_load_n(&g_reltmNum, __ATOMIC_ACQUIRE); }
-
 // Creates (counted like the public create counts) and starts the next timers.
 void start(u32 mode, std::initializer_list<u32> ms, QOSA_TimerProc proc = on_fire) {
     for (u32 interval : ms) {
         void* t = petimer_create_reltimer(proc, mode);
         ASSERT_NE(t, nullptr);
-        __atomic_fetch_add(&g_reltmNum, 1, __ATOMIC_ACQ_REL);
+        qosa::timer::reltm_count().add();
         ASSERT_EQ(petimer_start_reltimer(t, interval, &kNames[h.size()]), 0u);
         h.push_back(t);
     }
 }
 
-class Wheel : public ::testing::Test {
+class TimerWheel : public ::testing::Test {
   protected:
     void SetUp() override {
         g_log.clear();
@@ -193,19 +203,20 @@ class Wheel : public ::testing::Test {
     void TearDown() override {
         passes(1);                      // carry out what is still queued
         EXPECT_EQ(delinit_reltm(), 0u); // frees the timers every test leaves behind
-        EXPECT_EQ(live_count(), 0);
+        EXPECT_EQ(qosa_test::live(g_reltmNum), 0);
     }
 };
 } // namespace
 
-TEST_F(Wheel, IntervalsRoundToTicksAndFarTimersKeepTheirOrder) {
+TEST_F(TimerWheel, IntervalsRoundToTicksAndFarTimersKeepTheirOrder) {
+    ASSERT_EQ(init_RelIndex(), 0u); // a fresh index replaces the set-up's
     start(QOSA_TIMER_ONCE, {0, 14, 15, 10235, 10240, 10245, 30720, 20480, 20480});
     passes(1, 3100); // all placed at tick 0
     EXPECT_EQ(g_log, "a1 b1 c2 d1024 e1024 f1025 h2048 i2048 g3072 ");
 }
 
 // A stopped far timer hands its revolutions on, also once some were taken off.
-TEST_F(Wheel, StoppingAFarTimerKeepsItsSuccessorOnTime) {
+TEST_F(TimerWheel, StoppingAFarTimerKeepsItsSuccessorOnTime) {
     start(QOSA_TIMER_ONCE, {20480, 30720, 40960});
     passes(1, 1500);
     ASSERT_EQ(petimer_stop_reltimer_safe(h[1], nullptr, nullptr), 0u);
@@ -217,7 +228,7 @@ TEST_F(Wheel, StoppingAFarTimerKeepsItsSuccessorOnTime) {
 
 // Periodic timers fire T + 1 ticks apart. A callback stopping its own timer:
 // the re-arm runs first, then the stop, whose done callback may use the timers.
-TEST_F(Wheel, PeriodicTimersAndTheirOwnStop) {
+TEST_F(TimerWheel, PeriodicTimersAndTheirOwnStop) {
     static u32 freedFromDone = 99;
     auto stop_self = +[](void* name) {
         on_fire(name);
@@ -239,7 +250,7 @@ TEST_F(Wheel, PeriodicTimersAndTheirOwnStop) {
 
 // Requests queued in a pass before a periodic timer fires in it: a freed
 // timer's callback is not called; a stopped one is re-armed, then taken off.
-TEST_F(Wheel, RequestsQueuedJustBeforeAFiringWin) {
+TEST_F(TimerWheel, RequestsQueuedJustBeforeAFiringWin) {
     start(QOSA_TIMER_ONCE, {10}, [](void*) {
         EXPECT_EQ(petimer_free_reltimer(h[1]), 0u);
         EXPECT_EQ(petimer_stop_reltimer_safe(h[2], nullptr, nullptr), 0u);
@@ -249,13 +260,13 @@ TEST_F(Wheel, RequestsQueuedJustBeforeAFiringWin) {
     EXPECT_EQ(g_log, "c1 ");
 }
 
-TEST_F(Wheel, OnceKeepsTheTimerOnceFreeReleasesItStaleHandlesAreRefused) {
+TEST_F(TimerWheel, OnceKeepsTheTimerOnceFreeReleasesItStaleHandlesAreRefused) {
     start(QOSA_TIMER_ONCE, {10});
     start(QOSA_TIMER_ONCE_FREE, {10});
     ASSERT_EQ(petimer_start_reltimer_simple(30, on_fire, &kNames[2]), 0u);
-    EXPECT_EQ(live_count(), 3);
+    EXPECT_EQ(qosa_test::live(g_reltmNum), 3);
     passes(5);
-    EXPECT_EQ(live_count(), 1);
+    EXPECT_EQ(qosa_test::live(g_reltmNum), 1);
     ASSERT_EQ(petimer_start_reltimer(h[0], 10, &kNames[0]), 0u); // stopped, not gone
     passes(3);
     EXPECT_EQ(g_log, "a1 b1 c3 a6 ");

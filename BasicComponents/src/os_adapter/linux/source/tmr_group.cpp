@@ -11,7 +11,7 @@
 
 #include "internal/common.h"
 #include "internal/timer_service.h"
-#include "qosa_mem.h"
+#include "internal/tracked.h"
 #include "qosa_timer.h"
 
 static_assert(offsetof(QOSA_RelTimerGrpEntry, userValue) == 0 && offsetof(QOSA_RelTimerGrpEntry, index) == 4 &&
@@ -40,9 +40,6 @@ constexpr u32 kFreeNullGroup = 0x20160046;
 constexpr u32 kFreeInvalidGroup = 0x20160047;
 constexpr u32 kFreeMemberFailed = 0x20160048;
 
-void* take(std::size_t size) { return QOSA_MemTypeMallocD(static_cast<u32>(size), QOSA_MEM_DYN, QOSA_HERE); }
-void give_back(void* p) { QOSA_MemTypeFreeD(p, QOSA_MEM_DYN, QOSA_HERE); }
-
 // A group as allocated: the caller's record, then the request that releases
 // it, reserved with it so that freeing the group never needs memory.
 struct GroupBlock {
@@ -53,8 +50,8 @@ static_assert(offsetof(GroupBlock, grp) == 0, "the caller's record is the block"
 
 void release_now(void* p) {
     auto* block = static_cast<GroupBlock*>(p);
-    if (block->grp.entries != nullptr) give_back(block->grp.entries);
-    give_back(block);
+    if (block->grp.entries != nullptr) QOSA_RELEASE(block->grp.entries);
+    QOSA_RELEASE(block);
 }
 
 // The group's memory goes on the timer thread, behind the queued frees of
@@ -73,7 +70,7 @@ u32 QOSA_InitReltimerGrp(QOSA_RelTimerGrp** out, u32 count, QOSA_GrpTimeoutProc 
     if (out == nullptr) return kNullOut;
     if (proc == nullptr) return kNullProc;
     if (count > __atomic_load_n(&ulMaxReltmNum, __ATOMIC_RELAXED)) return kTooMany;
-    auto* block = static_cast<GroupBlock*>(take(sizeof(GroupBlock)));
+    auto* block = QOSA_ALLOC_OF(GroupBlock);
     if (block == nullptr) return kNoMemory;
     memset_s(block, sizeof *block, 0, sizeof *block);
     QOSA_RelTimerGrp* grp = &block->grp;
@@ -82,9 +79,9 @@ u32 QOSA_InitReltimerGrp(QOSA_RelTimerGrp** out, u32 count, QOSA_GrpTimeoutProc 
     grp->count = count;
     // A group of 0 members asks for a block of 0 bytes, which the allocator refuses.
     const std::size_t bytes = std::size_t{count} * sizeof(QOSA_RelTimerGrpEntry);
-    auto* entries = bytes > UINT32_MAX ? nullptr : static_cast<QOSA_RelTimerGrpEntry*>(take(bytes));
+    auto* entries = static_cast<QOSA_RelTimerGrpEntry*>(QOSA_ALLOC(bytes));
     if (entries == nullptr) {
-        give_back(block);
+        QOSA_RELEASE(block);
         return kNoMemory;
     }
     memset_s(entries, bytes, 0, bytes);

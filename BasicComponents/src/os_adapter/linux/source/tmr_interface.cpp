@@ -16,22 +16,6 @@
 
 namespace {
 
-// At most this many timers of each kind live at once, whatever the maximum says.
-constexpr s32 kHardLimit = 2000;
-
-// Reserves one unit of a live count before the timer exists, so concurrent
-// creates can never push the count past the limit; false when it is reached.
-bool reserve(s32* count, const u32* max) {
-    const s32 limit = static_cast<s32>(__atomic_load_n(max, __ATOMIC_RELAXED));
-    s32 cur = __atomic_load_n(count, __ATOMIC_RELAXED);
-    do {
-        if (cur >= kHardLimit || cur >= limit) return false;
-    } while (!__atomic_compare_exchange_n(count, &cur, cur + 1, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED));
-    return true;
-}
-
-void give_back(s32* count) { __atomic_fetch_sub(count, 1, __ATOMIC_RELAXED); }
-
 // Quitting, or the service cannot be started: no timer can be made.
 bool service_ready() { return petimer_isQuiting() == 0 && petimer_start(nullptr, nullptr) == 0; }
 
@@ -39,14 +23,14 @@ bool service_ready() { return petimer_isQuiting() == 0 && petimer_start(nullptr,
 // anything, start the service, reserve a unit of the kind's live count, make
 // the timer, and give the unit back when that fails.
 template <typename Create>
-void* create_counted(QOSA_TimerProc proc, s32* count, const u32* max, Create create) {
+void* create_counted(QOSA_TimerProc proc, qosa::timer::LiveCount count, Create create) {
     if (proc == nullptr) {
         errno = EINVAL;
         return nullptr;
     }
-    if (!service_ready() || !reserve(count, max)) return nullptr;
+    if (!service_ready() || !count.reserve()) return nullptr;
     void* h = create();
-    if (h == nullptr) give_back(count);
+    if (h == nullptr) count.sub();
     return h;
 }
 
@@ -73,10 +57,11 @@ u32 QOSA_StopTimerTask(void) {
     pthread_t tid = petimer_getTreadId();
     // Called on the timer thread itself it would wait for its own end.
     if (tid != 0 && petimer_isQuiting() == 0 && pthread_equal(tid, pthread_self()) == 0) {
-        petimer_setQuitingFlag(1, 1);
-        petimer_stop(tid);
-        petimer_setQuitingFlag(0, 0);
-        ret = 0;
+        if (qosa::timer::set_quitting(1, true)) {
+            petimer_stop(tid);
+            qosa::timer::set_quitting(0, false);
+            ret = 0;
+        }
     }
     __atomic_store_n(&s_stopping, 0, __ATOMIC_RELEASE);
     return ret;
@@ -93,11 +78,11 @@ void QOSA_TMRSetMaxReltmNum(u32 n) {
 // ---- Creating ----
 
 void* QOSA_CreateAbsTimerM(QOSA_TimerProc proc, u32 mode) {
-    return create_counted(proc, &g_abstmNum, &ulMaxAbstmNum, [=] { return petimer_create_abstimer(proc, mode); });
+    return create_counted(proc, qosa::timer::abstm_count(), [=] { return petimer_create_abstimer(proc, mode); });
 }
 
 void* QOSA_CreateRelTimerM(QOSA_TimerProc proc, u32 mode, u32 line, const char* file) {
-    void* h = create_counted(proc, &g_reltmNum, &ulMaxReltmNum, [=] { return petimer_create_reltimer(proc, mode); });
+    void* h = create_counted(proc, qosa::timer::reltm_count(), [=] { return petimer_create_reltimer(proc, mode); });
     if (h != nullptr) qosa::timer::reltimer_set_origin(h, line, file);
     return h;
 }

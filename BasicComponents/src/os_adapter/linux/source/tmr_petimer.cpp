@@ -2,14 +2,14 @@
 // its tick accounting, the tick hooks and the service flags.
 #define QOSA_UNIT_NAME "tmr_petimer.c"
 
-#include <sys/time.h>
-
 #include <cerrno>
+#include <new>
 
+#include "internal/clock.h"
 #include "internal/common.h"
+#include "internal/ilist.h"
 #include "internal/timer_service.h"
-#include "qosa_mem.h"
-#include "qosa_socket.h"
+#include "internal/tracked.h"
 #include "qosa_thread.h"
 #include "qosa_time.h"
 #include "qosa_timer.h"
@@ -17,7 +17,7 @@
 namespace {
 
 struct tickhook {
-    tickhook* next;
+    qosa::ilist::Link link;
     petimer_tickhook_fn hook;
     s64 period;
     s64 elapsed;
@@ -25,7 +25,7 @@ struct tickhook {
 
 // Changed only while no timer thread runs (start, under s_tmr_instance_mutex)
 // and by the timer thread itself while it ends; the timer thread reads it.
-tickhook* _hook_head = nullptr;
+qosa::ilist::List<tickhook, &tickhook::link> _hooks;
 
 QosaMutex s_tmr_instance_mutex = QOSA_MUTEX_INITIALIZER;
 u8 s_tmr_init = 0;          // atomic: read by the limit setters of other threads
@@ -37,15 +37,13 @@ constexpr u32 kTickMs = 10;
 s32 quitting() { return __atomic_load_n(&g_timer_quiting, __ATOMIC_ACQUIRE); }
 
 void run_hooks(s64 ticks) {
-    for (tickhook* h = _hook_head; h != nullptr;) {
-        tickhook* next = h->next;
-        h->elapsed += ticks;
-        if (h->elapsed >= h->period) {
-            s64 gathered = h->elapsed;
-            h->elapsed = 0;
-            h->hook(gathered);
+    for (tickhook& h : _hooks) {
+        h.elapsed += ticks;
+        if (h.elapsed >= h.period) {
+            s64 gathered = h.elapsed;
+            h.elapsed = 0;
+            h.hook(gathered);
         }
-        h = next;
     }
 }
 
@@ -85,9 +83,20 @@ CycleTicks cycle_ticks(u32 passedMs, u32 plannedUs, u32 sleptMs, s64 carry) {
 
 int tickhook_count() {
     int n = 0;
-    for (tickhook* h = _hook_head; h != nullptr; h = h->next)
+    for ([[maybe_unused]] tickhook& h : _hooks)
         ++n;
     return n;
+}
+
+bool set_quitting(u32 value, bool withLocks) {
+    if (withLocks) {
+        MutexGuard rel(reltm_index_lock());
+        MutexGuard abs(abstm_index_lock());
+        if (!rel.locked() || !abs.locked()) return false; // GCOVR_EXCL_BR_LINE: see MutexGuard
+        return set_quitting(value, false);
+    }
+    __atomic_store_n(&g_timer_quiting, static_cast<s32>(value), __ATOMIC_RELEASE);
+    return true;
 }
 
 } // namespace qosa::timer
@@ -98,23 +107,21 @@ extern "C" {
 
 u32 petimer_register_tickhook(petimer_tickhook_fn hook, s64 period) {
     if (hook == nullptr || period < 1) return EINVAL;
-    auto* h = static_cast<tickhook*>(QOSA_MemTypeMallocD(sizeof(tickhook), 0, QOSA_HERE));
+    auto* h = QOSA_ALLOC_OF(tickhook);
     if (h == nullptr) {
         errno = ENOMEM;
         return ENOMEM;
     }
-    *h = tickhook{_hook_head, hook, period, 0};
-    _hook_head = h;
+    _hooks.push_front(new (h) tickhook{{}, hook, period, 0});
     return 0;
 }
 
 u32 petimer_deregister_tickhook(petimer_tickhook_fn hook) {
     if (hook == nullptr) return EINVAL;
-    for (tickhook** link = &_hook_head; *link != nullptr; link = &(*link)->next) {
-        if ((*link)->hook == hook) {
-            tickhook* h = *link;
-            *link = h->next;
-            QOSA_MemTypeFreeD(h, 0, QOSA_HERE);
+    for (tickhook& h : _hooks) {
+        if (h.hook == hook) {
+            _hooks.remove(&h);
+            QOSA_RELEASE(&h);
             break;
         }
     }
@@ -127,17 +134,7 @@ pthread_t petimer_getTreadId(void) { return __atomic_load_n(&g_timerThrId, __ATO
 
 void petimer_setTreadId(pthread_t tid) { __atomic_store_n(&g_timerThrId, tid, __ATOMIC_RELEASE); }
 
-void petimer_setQuitingFlag(u32 value, s32 withLocks) {
-    if (withLocks != 0) {
-        reltmr_idxLock();
-        abstmr_indexLock();
-    }
-    __atomic_store_n(&g_timer_quiting, static_cast<s32>(value), __ATOMIC_RELEASE);
-    if (withLocks != 0) {
-        abstmr_indexUnLock();
-        reltmr_idxUnLock();
-    }
-}
+void petimer_setQuitingFlag(u32 value, s32 withLocks) { qosa::timer::set_quitting(value, withLocks != 0); }
 
 // ---- The timer thread ----
 
@@ -145,6 +142,7 @@ void petimer_setQuitingFlag(u32 value, s32 withLocks) {
 // the service up.
 static u32 start_locked(pthread_t* outTid, const pthread_attr_t* attr, bool* started) {
     MutexGuard lock(&s_tmr_instance_mutex);
+    if (!lock.locked()) return QOSA_ERROR; // GCOVR_EXCL_BR_LINE: see MutexGuard
     if (qosa::timer::service_set_up() == 1) return 0;
     // A stop is still winding down: a thread started now would end at once.
     if (quitting() != 0) return QOSA_ERROR;
@@ -183,6 +181,7 @@ u32 petimer_start(pthread_t* outTid, const pthread_attr_t* attr) {
 s32 petimer_stop(pthread_t tid) {
     s32 ret = QOSA_PthreadJoin(tid, nullptr);
     MutexGuard lock(&s_tmr_instance_mutex);
+    if (!lock.locked()) return -1; // GCOVR_EXCL_BR_LINE: see MutexGuard
     __atomic_store_n(&s_tmr_init, u8{0}, __ATOMIC_RELEASE);
     return ret;
 }
@@ -194,8 +193,7 @@ void* petimer_proc(void*) {
         u32 now = QOSA_GetSysRunTime();
         u32 passed = now - last;
         u32 sleepUs = qosa::timer::sleep_us(passed);
-        timeval tv{0, static_cast<suseconds_t>(sleepUs)};
-        QOSA_Select(0, nullptr, nullptr, nullptr, &tv);
+        qosa::clock::sleep_ns(s64{sleepUs} * qosa::clock::kNsPerUs);
         last = QOSA_GetSysRunTime();
         auto cycle = qosa::timer::cycle_ticks(passed, sleepUs, last - now, carry);
         carry = cycle.carry;

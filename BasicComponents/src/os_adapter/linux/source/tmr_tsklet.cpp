@@ -16,7 +16,7 @@
 
 #include "internal/common.h"
 #include "internal/timer_service.h"
-#include "qosa_mem.h"
+#include "internal/tracked.h"
 #include "qosa_timer.h"
 
 namespace {
@@ -26,33 +26,46 @@ using qosa::timer::QueueAt;
 
 tsklet* as_node(tsklet_head* q) { return reinterpret_cast<tsklet*>(q); }
 
-// A filled tasklet, or NULL (errno 12) when there is no memory.
-tsklet* make(tsklet_fn fn, void* arg) {
-    auto* t = static_cast<tsklet*>(QOSA_MemTypeMallocD(sizeof(tsklet), 0, QOSA_HERE));
-    if (t == nullptr) {
-        errno = ENOMEM;
-        return nullptr;
-    }
-    t->fn = fn;
-    t->arg = arg;
-    return t;
-}
-
-void link_in(tsklet_head* q, tsklet* t, QueueAt at) {
+// false when the queue's lock cannot be taken.
+bool link_in(tsklet_head* q, tsklet* t, QueueAt at) {
     MutexGuard lock(&q->lock);
+    if (!lock.locked()) return false; // GCOVR_EXCL_BR_LINE: see MutexGuard
     tsklet* before = at == QueueAt::back ? as_node(q) : q->next; // t goes in front of this one
     t->next = before;
     t->prev = before->prev;
     before->prev->next = t;
     before->prev = t;
+    return true;
 }
 
+// 0; 12 (errno 12) without memory; 22 for no queue or a queue that cannot be locked.
 u32 enqueue(tsklet_head* q, tsklet_fn fn, void* arg, QueueAt at) {
     if (q == nullptr || fn == nullptr) return EINVAL;
-    tsklet* t = make(fn, arg);
-    if (t == nullptr) return ENOMEM;
-    link_in(q, t, at);
-    return 0;
+    auto* t = QOSA_ALLOC_OF(tsklet);
+    if (t == nullptr) {
+        errno = ENOMEM;
+        return ENOMEM;
+    }
+    t->fn = fn;
+    t->arg = arg;
+    if (link_in(q, t, at)) return 0;
+    QOSA_RELEASE(t); // GCOVR_EXCL_LINE: see MutexGuard
+    return EINVAL;   // GCOVR_EXCL_LINE
+}
+
+// Takes every queued tasklet off q: the first of the batch (whose last links
+// to NULL), or NULL; false when the lock cannot be taken.
+bool detach(tsklet_head* q, tsklet** first) {
+    MutexGuard lock(&q->lock);
+    if (!lock.locked()) return false; // GCOVR_EXCL_BR_LINE: see MutexGuard
+    *first = nullptr;
+    if (q->next != as_node(q)) {
+        *first = q->next;
+        q->prev->next = nullptr; // the batch ends here
+        q->next = as_node(q);
+        q->prev = as_node(q);
+    }
+    return true;
 }
 
 // The call of every owned tasklet; the drain knows them by it.
@@ -68,12 +81,12 @@ bool allocated(const tsklet* t) { return t->fn != run_owned; }
 
 namespace qosa::timer {
 
-void tsklet_post(tsklet_head* q, OwnedTasklet* t, tsklet_fn fn, void* arg, QueueAt at) {
+bool tsklet_post(tsklet_head* q, OwnedTasklet* t, tsklet_fn fn, void* arg, QueueAt at) {
     t->node.fn = run_owned;
     t->node.arg = t;
     t->fn = fn;
     t->arg = arg;
-    link_in(q, &t->node, at);
+    return link_in(q, &t->node, at);
 }
 
 } // namespace qosa::timer
@@ -97,38 +110,28 @@ u32 tsklet_invokelater(tsklet_head* q, tsklet_fn fn, void* arg) { return enqueue
 u32 tsklet_invokefirst(tsklet_head* q, tsklet_fn fn, void* arg) { return enqueue(q, fn, arg, QueueAt::front); }
 
 s32 tsklet_invokeall(tsklet_head* q) {
-    if (q == nullptr) return -1;
-    if (QOSA_MutexLock(&q->lock) != 0) return -1;
     tsklet* first = nullptr;
-    if (q->next != as_node(q)) {
-        first = q->next;
-        q->prev->next = nullptr; // the batch ends here
-        q->next = as_node(q);
-        q->prev = as_node(q);
-    }
-    s32 ret = QOSA_MutexUnLock(&q->lock);
+    if (q == nullptr || !detach(q, &first)) return -1;
     while (first != nullptr) {
         tsklet* next = first->next;
         const bool mine = allocated(first); // an owned one may be gone after its call
         first->fn(first->arg);
-        if (mine) QOSA_MemTypeFreeD(first, 0, QOSA_HERE);
+        if (mine) QOSA_RELEASE(first);
         first = next;
     }
-    return ret;
+    return 0;
 }
 
 u32 tsklet_delinit(tsklet_head* q) {
+    tsklet* t = nullptr;
     if (q == nullptr) return EINVAL;
-    QOSA_MutexLock(&q->lock);
-    tsklet* t = q->next;
-    while (t != as_node(q)) {
+    // A queue that cannot be locked is left as it is.
+    if (!detach(q, &t)) return 0; // GCOVR_EXCL_BR_LINE: see MutexGuard
+    while (t != nullptr) {
         tsklet* next = t->next;
-        if (allocated(t)) QOSA_MemTypeFreeD(t, 0, QOSA_HERE);
+        if (allocated(t)) QOSA_RELEASE(t);
         t = next;
     }
-    q->next = as_node(q);
-    q->prev = as_node(q);
-    QOSA_MutexUnLock(&q->lock);
     QOSA_MutexDestroy(&q->lock);
     return 0;
 }

@@ -4,21 +4,16 @@
 #include <cerrno>
 
 #include "bounded.h"
-#include "qosa_mem.h"
+#include "tracked.h"
 
 namespace qosa::timer {
 
 u32 SlotIndex::build(u32 n, u32 line, const char* file) {
-    if (slots != nullptr) QOSA_MemTypeFreeD(slots, QOSA_MEM_DYN, line, file);
+    if (slots != nullptr) qosa::tracked::release(slots, line, file);
     slots = head = tail = nullptr;
     count = 0;
     if (n == 0) return 0; // no slot: every create is refused
-    if (n > UINT32_MAX / sizeof(void*)) {
-        errno = ENOMEM;
-        return ENOMEM;
-    }
-    auto** array =
-        static_cast<void**>(QOSA_MemTypeMallocD(n * static_cast<u32>(sizeof(void*)), QOSA_MEM_DYN, line, file));
+    auto** array = static_cast<void**>(qosa::tracked::alloc(std::size_t{n} * sizeof(void*), line, file));
     if (array == nullptr) {
         errno = ENOMEM;
         return ENOMEM;
@@ -37,7 +32,7 @@ void SlotIndex::drop(u32 line, const char* file) {
     if (slots != nullptr) {
         const std::size_t bytes = std::size_t{count} * sizeof(void*);
         qosa::bounded::memset_s(slots, bytes, 0, bytes);
-        QOSA_MemTypeFreeD(slots, QOSA_MEM_DYN, line, file);
+        qosa::tracked::release(slots, line, file);
     }
     slots = head = tail = nullptr;
     count = 0;

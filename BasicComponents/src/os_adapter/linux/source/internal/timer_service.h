@@ -6,6 +6,7 @@
 // fails, before any timer thread exists.
 #pragma once
 
+#include "qosa_lock.h"
 #include "qosa_timer.h"
 #include "qosa_types.h"
 
@@ -14,19 +15,49 @@ namespace qosa::timer {
 // 1 while the service is set up and its thread was created (tmr_petimer).
 u8 service_set_up();
 
+// Stores the quitting flag, with both index locks held (relative first) when
+// withLocks; false (nothing stored) when a lock cannot be taken.
+bool set_quitting(u32 value, bool withLocks);
+QosaMutex* reltm_index_lock();
+QosaMutex* abstm_index_lock();
+
+// The live count of a kind of timer, changed only here: a create reserves a
+// unit before the timer exists (so concurrent creates never pass the limit)
+// and gives it back when that fails; the kind lowers it when a timer goes.
+struct LiveCount {
+    static constexpr s32 kHardLimit = 2000; // whatever the maximum says
+
+    s32& n;
+    u32& max;
+
+    bool reserve() const {
+        const s32 limit = static_cast<s32>(__atomic_load_n(&max, __ATOMIC_RELAXED));
+        s32 cur = __atomic_load_n(&n, __ATOMIC_ACQUIRE);
+        do {
+            if (cur >= kHardLimit || cur >= limit) return false;
+        } while (!__atomic_compare_exchange_n(&n, &cur, cur + 1, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE));
+        return true;
+    }
+    void add() const { __atomic_fetch_add(&n, 1, __ATOMIC_ACQ_REL); }
+    void sub() const { __atomic_fetch_sub(&n, 1, __ATOMIC_ACQ_REL); }
+};
+inline LiveCount reltm_count() { return {g_reltmNum, ulMaxReltmNum}; }
+inline LiveCount abstm_count() { return {g_abstmNum, ulMaxAbstmNum}; }
+
 // ---- Requests in storage reserved beforehand ----
 
 // A tasklet whose storage its owner reserved (inside a timer record, say), so
 // queueing it needs no memory and cannot fail. The drain runs fn(arg) and
 // leaves the storage alone (fn may free it); tsklet_delinit discards it
-// likewise. Queue it again only once it has run.
+// likewise. Queue it again only once it has run. false when the queue's lock
+// cannot be taken (nothing queued).
 struct OwnedTasklet {
     tsklet node; // what the queue links; its call forwards to fn(arg)
     tsklet_fn fn;
     void* arg;
 };
 enum class QueueAt { front, back };
-void tsklet_post(tsklet_head* q, OwnedTasklet* t, tsklet_fn fn, void* arg, QueueAt at);
+bool tsklet_post(tsklet_head* q, OwnedTasklet* t, tsklet_fn fn, void* arg, QueueAt at);
 
 // Queues fn(arg) at the end of the relative requests in t: what
 // QOSA_FreeRelTimerArg_safe does for a release, without memory, and also
