@@ -15,26 +15,31 @@
 #include <cstddef>
 
 #include "internal/common.h"
+#include "internal/ilist.h"
 #include "internal/timer_service.h"
 #include "internal/tracked.h"
 #include "qosa_timer.h"
 
 namespace {
 
+using qosa::ilist::Link;
 using qosa::timer::OwnedTasklet;
 using qosa::timer::QueueAt;
 
-tsklet* as_node(tsklet_head* q) { return reinterpret_cast<tsklet*>(q); }
+// The queue is a ring of the library's one list, its head the first two
+// fields of tsklet_head and each node the first two of a tasklet: every link
+// is read and written as an ilist::Link, never through the records' own
+// pointer fields.
+Link* ring(tsklet_head* q) { return reinterpret_cast<Link*>(q); }
+Link* link_of(tsklet* t) { return reinterpret_cast<Link*>(t); }
+tsklet* node(Link* l) { return reinterpret_cast<tsklet*>(l); }
 
 // false when the queue's lock cannot be taken.
 bool link_in(tsklet_head* q, tsklet* t, QueueAt at) {
     MutexGuard lock(&q->lock);
     if (!lock.locked()) return false; // GCOVR_EXCL_BR_LINE: see MutexGuard
-    tsklet* before = at == QueueAt::back ? as_node(q) : q->next; // t goes in front of this one
-    t->next = before;
-    t->prev = before->prev;
-    before->prev->next = t;
-    before->prev = t;
+    Link* head = ring(q);
+    qosa::ilist::link_before(at == QueueAt::back ? head : head->next, link_of(t));
     return true;
 }
 
@@ -53,18 +58,12 @@ u32 enqueue(tsklet_head* q, tsklet_fn fn, void* arg, QueueAt at) {
     return EINVAL;   // GCOVR_EXCL_LINE
 }
 
-// Takes every queued tasklet off q: the first of the batch (whose last links
-// to NULL), or NULL; false when the lock cannot be taken.
-bool detach(tsklet_head* q, tsklet** first) {
+// Takes every queued tasklet off q: the first of the batch (chained by next
+// up to NULL), or NULL; false when the lock cannot be taken.
+bool detach(tsklet_head* q, Link** first) {
     MutexGuard lock(&q->lock);
     if (!lock.locked()) return false; // GCOVR_EXCL_BR_LINE: see MutexGuard
-    *first = nullptr;
-    if (q->next != as_node(q)) {
-        *first = q->next;
-        q->prev->next = nullptr; // the batch ends here
-        q->next = as_node(q);
-        q->prev = as_node(q);
-    }
+    *first = qosa::ilist::take_all(ring(q));
     return true;
 }
 
@@ -91,17 +90,15 @@ bool tsklet_post(tsklet_head* q, OwnedTasklet* t, tsklet_fn fn, void* arg, Queue
 
 } // namespace qosa::timer
 
-// tsklet_head starts with the same two links as a tasklet, so the head is a
-// node of its own circular list.
-static_assert(offsetof(tsklet_head, next) == offsetof(tsklet, next));
-static_assert(offsetof(tsklet_head, prev) == offsetof(tsklet, prev));
+// tsklet_head and tsklet both start with the two links of an ilist::Link.
+static_assert(offsetof(tsklet_head, next) == offsetof(Link, next) && offsetof(tsklet, next) == offsetof(Link, next));
+static_assert(offsetof(tsklet_head, prev) == offsetof(Link, prev) && offsetof(tsklet, prev) == offsetof(Link, prev));
 
 extern "C" {
 
 s32 tsklet_init(tsklet_head* q) {
     if (q == nullptr) return -1;
-    q->next = as_node(q);
-    q->prev = as_node(q);
+    qosa::ilist::make_ring(ring(q));
     return QOSA_MutexInit(&q->lock, nullptr);
 }
 
@@ -110,27 +107,27 @@ u32 tsklet_invokelater(tsklet_head* q, tsklet_fn fn, void* arg) { return enqueue
 u32 tsklet_invokefirst(tsklet_head* q, tsklet_fn fn, void* arg) { return enqueue(q, fn, arg, QueueAt::front); }
 
 s32 tsklet_invokeall(tsklet_head* q) {
-    tsklet* first = nullptr;
-    if (q == nullptr || !detach(q, &first)) return -1;
-    while (first != nullptr) {
-        tsklet* next = first->next;
-        const bool mine = allocated(first); // an owned one may be gone after its call
-        first->fn(first->arg);
-        if (mine) QOSA_RELEASE(first);
-        first = next;
+    Link* l = nullptr;
+    if (q == nullptr || !detach(q, &l)) return -1;
+    while (l != nullptr) {
+        tsklet* t = node(l);
+        l = l->next;
+        const bool mine = allocated(t); // an owned one may be gone after its call
+        t->fn(t->arg);
+        if (mine) QOSA_RELEASE(t);
     }
     return 0;
 }
 
 u32 tsklet_delinit(tsklet_head* q) {
-    tsklet* t = nullptr;
+    Link* l = nullptr;
     if (q == nullptr) return EINVAL;
     // A queue that cannot be locked is left as it is.
-    if (!detach(q, &t)) return 0; // GCOVR_EXCL_BR_LINE: see MutexGuard
-    while (t != nullptr) {
-        tsklet* next = t->next;
+    if (!detach(q, &l)) return 0; // GCOVR_EXCL_BR_LINE: see MutexGuard
+    while (l != nullptr) {
+        tsklet* t = node(l);
+        l = l->next;
         if (allocated(t)) QOSA_RELEASE(t);
-        t = next;
     }
     QOSA_MutexDestroy(&q->lock);
     return 0;

@@ -7,6 +7,10 @@
 //   struct Job { ilist::Link link; int id; };
 //   ilist::List<Job, &Job::link> jobs;
 //   jobs.push_back(job);  for (Job& j : jobs) ...;  Job* first = jobs.pop_front();
+//
+// A ring whose head lives in a public record (the tasklet queue's) is worked
+// with the ring functions below; Link has the next-then-prev layout of such
+// records.
 #pragma once
 
 #include <cstddef>
@@ -14,8 +18,8 @@
 namespace qosa::ilist {
 
 struct Link {
-    Link* prev = nullptr;
     Link* next = nullptr;
+    Link* prev = nullptr;
 
     bool linked() const { return next != nullptr; }
     // Takes this record off whatever list holds it.
@@ -26,6 +30,28 @@ struct Link {
     }
 };
 
+// ---- ring functions ----
+
+// Makes head an empty ring.
+inline void make_ring(Link* head) { head->next = head->prev = head; }
+inline bool ring_empty(const Link* head) { return head->next == head; }
+// Links l in front of at.
+inline void link_before(Link* at, Link* l) {
+    l->next = at;
+    l->prev = at->prev;
+    at->prev->next = l;
+    at->prev = l;
+}
+// Takes every link off the ring of head, leaving it empty: the first of them,
+// chained by next up to a NULL, or NULL when there were none.
+inline Link* take_all(Link* head) {
+    if (ring_empty(head)) return nullptr;
+    Link* first = head->next;
+    head->prev->next = nullptr;
+    make_ring(head);
+    return first;
+}
+
 template <typename T, Link T::*M>
 class List {
   public:
@@ -33,7 +59,7 @@ class List {
     List(const List&) = delete;
     List& operator=(const List&) = delete;
 
-    bool empty() const { return head_.next == &head_; }
+    bool empty() const { return ring_empty(&head_); }
     T* front() const { return empty() ? nullptr : of(head_.next); }
     T* back() const { return empty() ? nullptr : of(head_.prev); }
     // The record after t, or NULL at the end.
@@ -51,7 +77,7 @@ class List {
     }
     // Forgets every record without touching them: for a list whose records
     // went away with it.
-    void clear() { head_.prev = head_.next = &head_; }
+    void clear() { make_ring(&head_); }
     // Moves every record of other to the end of this list.
     void splice_back(List& other) {
         if (other.empty()) return;
@@ -100,13 +126,7 @@ class List {
         auto offset = reinterpret_cast<const unsigned char*>(&(t->*M)) - probe;
         return reinterpret_cast<T*>(reinterpret_cast<unsigned char*>(l) - offset);
     }
-    static void insert_before(Link* at, T* t) {
-        Link* l = &(t->*M);
-        l->next = at;
-        l->prev = at->prev;
-        at->prev->next = l;
-        at->prev = l;
-    }
+    static void insert_before(Link* at, T* t) { link_before(at, &(t->*M)); }
 
     Link head_;
 };
