@@ -7,6 +7,7 @@
 
 #include <cstddef>
 
+#include "internal/clock.h"
 #include "internal/common.h"
 #include "qosa_time.h"
 
@@ -84,6 +85,26 @@ bool boot_clock(timespec* ts) { return clock_gettime(CLOCK_BOOTTIME, ts) == 0; }
 
 } // namespace
 
+namespace {
+
+// The last day of a month (1..12) of a year; -1 stands for any.
+u32 max_day(s32 year, u32 month) {
+    if (month > 11) return 31; // December, and month -1 (any month) seen unsigned
+    switch (month) {
+    case 4:
+    case 6:
+    case 9:
+    case 11:
+        return 30;
+    case 2:
+        return year == kAny || leap(year) ? 29 : 28;
+    default:
+        return 31;
+    }
+}
+
+} // namespace
+
 extern "C" {
 
 struct tm* QOSA_LocalTime(const time_t* t) {
@@ -148,11 +169,7 @@ u64 QOSA_GetSystemTime(void) {
     return qosa::time::wall_ms(tv);
 }
 
-u32 QOSA_GetSysTimeSec(void) {
-    timeval tv{};
-    gettimeofday(&tv, nullptr);
-    return static_cast<u32>(tv.tv_sec);
-}
+u32 QOSA_GetSysTimeSec(void) { return qosa::clock::wall_sec(); }
 
 u32 QOSA_GetSysRunTime(void) {
     timespec ts;
@@ -198,24 +215,10 @@ u32 ZAL_IsSysTimeValid(const QOSA_SysTime* t) {
     if (!in_range_or_any(t->tm_mon, 1, 12)) return 0;
     if (!in_range_or_any(t->tm_hour, 0, 23) || !in_range_or_any(t->tm_min, 0, 59) || !in_range_or_any(t->tm_sec, 0, 59))
         return 0;
-    if (t->tm_mday != kAny && static_cast<u32>(t->tm_mday) > Max_date(t->tm_year, static_cast<u32>(t->tm_mon)))
-        return 0;
+    if (t->tm_mday != kAny && static_cast<u32>(t->tm_mday) > max_day(t->tm_year, static_cast<u32>(t->tm_mon))) return 0;
     return 1;
 }
 
-u32 Max_date(s32 year, u32 month) {
-    if (month > 11) return 31; // December, and month -1 (any month) seen unsigned
-    switch (month) {
-    case 4:
-    case 6:
-    case 9:
-    case 11:
-        return 30;
-    case 2:
-        return year == kAny || leap(year) ? 29 : 28;
-    default:
-        return 31;
-    }
-}
+u32 Max_date(s32 year, u32 month) { return max_day(year, month); }
 
 } // extern "C"
