@@ -116,9 +116,17 @@ char* qosa::mem::find_nocase(char* text, const char* pattern) {
     return nullptr;
 }
 
+namespace {
+
+// The orders of the record listing, as qsort comparisons of slot numbers.
+int by_addr(const void* a, const void* b) { return record_of(a).pAddr < record_of(b).pAddr ? -1 : 1; }
+int by_size(const void* a, const void* b) { return record_of(a).ulSize < record_of(b).ulSize ? -1 : 1; }
+
+} // namespace
+
 extern "C" {
-int sysMemSortByAddr(const void* a, const void* b) { return record_of(a).pAddr < record_of(b).pAddr ? -1 : 1; }
-int sysMemSortBySize(const void* a, const void* b) { return record_of(a).ulSize < record_of(b).ulSize ? -1 : 1; }
+int sysMemSortByAddr(const void* a, const void* b) { return by_addr(a, b); }
+int sysMemSortBySize(const void* a, const void* b) { return by_size(a, b); }
 } // extern "C"
 
 u32 qosa::mem::sort_info(QOSA_MEM_REC_S** out, char* filter, int sortMode) {
@@ -135,8 +143,8 @@ u32 qosa::mem::sort_info(QOSA_MEM_REC_S** out, char* filter, int sortMode) {
         std::free(slots);
         return 0;
     }
-    if (sortMode == 0) std::qsort(slots, cur, sizeof(u32), sysMemSortByAddr);
-    if (sortMode == 1) std::qsort(slots, cur, sizeof(u32), sysMemSortBySize);
+    if (sortMode == 0) std::qsort(slots, cur, sizeof(u32), by_addr);
+    if (sortMode == 1) std::qsort(slots, cur, sizeof(u32), by_size);
     bool all = qosa::str_len(filter) == 0;
     u32 kept = 0;
     for (u32 i = 0; i < cur; ++i) {

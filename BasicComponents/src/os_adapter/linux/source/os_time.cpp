@@ -211,7 +211,7 @@ s32 QOSA_SetTimezone(s32 minutesWest) {
 
 u32 QOSA_SetSysTime(const QOSA_SysTime* t) {
     // A wildcard is fine in a pattern but names no instant to set the clock to.
-    if (ZAL_IsSysTimeValid(t) == 0 || has_wildcard(*t)) return QOSA_ERROR;
+    if (qosa::time::sys_time_valid(t) == 0 || has_wildcard(*t)) return QOSA_ERROR;
     struct tm local;
     qosa::time::to_platform_tm(*t, local);
     time_t sec = mktime(&local);
