@@ -12,15 +12,9 @@
 #include <climits>
 #include <cstring>
 
+#include "internal/time.h"
 #include "qosa_time.h"
 #include "sanitizers.h"
-
-namespace qosa::time {
-u64 wall_ms(const timeval& tv);
-u32 run_ms(const timespec& ts);
-bool to_time_ex(const timeval& tv, QOSA_TimeEx* out);
-void to_platform_tm(const QOSA_SysTime& t, struct tm& out);
-} // namespace qosa::time
 
 namespace {
 

@@ -6,7 +6,7 @@
 set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev llvm libgtest-dev libgmock-dev
           pkg-config binutils clang-format clang-tidy valgrind procps doxygen abigail-tools dpkg-dev
-          gcovr)
+          gcovr python3)
 for group in "$@"; do
   case "$group" in
     arm64) packages+=(g++-aarch64-linux-gnu libc6-dev-arm64-cross qemu-user googletest) ;;

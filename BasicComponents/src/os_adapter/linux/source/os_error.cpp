@@ -4,11 +4,17 @@
 #include <iterator>
 
 #include "internal/common.h"
+#include "internal/error.h"
 #include "qosa_error.h"
 #include "qosa_history.h"
 
 // XSI strerror_r (the C++ headers declare the GNU one under that name).
 extern "C" int __xpg_strerror_r(int errnum, char* buf, std::size_t buflen);
+
+int qosa::err::str_error(char* buf, u32 bufLen, u32 errnum) {
+    // A missing buffer has no room at all.
+    return __xpg_strerror_r(static_cast<int>(errnum), buf, buf ? bufLen : 0);
+}
 
 extern "C" {
 
@@ -17,10 +23,7 @@ void QOSA_SetLastErr(u32 err) { errno = static_cast<int>(err); }
 u32 QOSA_GetLastSocketErr(void) { return static_cast<u32>(errno); }
 char* QOSA_StrError(u32 errnum) { return std::strerror(static_cast<int>(errnum)); }
 
-int QOSA_StrError_S(char* buf, u32 bufLen, u32 errnum) {
-    // A missing buffer has no room at all.
-    return __xpg_strerror_r(static_cast<int>(errnum), buf, buf ? bufLen : 0);
-}
+int QOSA_StrError_S(char* buf, u32 bufLen, u32 errnum) { return qosa::err::str_error(buf, bufLen, errnum); }
 
 } // extern "C"
 
@@ -76,7 +79,7 @@ s32 QOSA_DumpOperateHistory(char* buffer, u32 size) {
     for (int k = 0; k < kSlots; ++k) {
         const QOSA_OPERATE_REC_S& r = s_stOperateHistory.astRec[((next + kSlots - 1 - k) % kSlots + kSlots) % kSlots];
         if (r.operate == QOSA_OPERATE_NONE) continue;
-        u32 used = QOSA_StrLen(buffer);
+        u32 used = qosa::str_len(buffer);
         if (used >= size - 1) return static_cast<s32>(used);
         s32 t = r.time;
         ret = snprintf_s(buffer + used, size - used, size - used - 1,
@@ -86,7 +89,7 @@ s32 QOSA_DumpOperateHistory(char* buffer, u32 size) {
         if (ret <= 0) return ret;
     }
     // Every slot visited: the length of the whole text.
-    return static_cast<s32>(QOSA_StrLen(buffer));
+    return static_cast<s32>(qosa::str_len(buffer));
 }
 
 } // extern "C"

@@ -20,6 +20,7 @@
 #include <cwchar>
 
 #include "internal/common.h"
+#include "internal/mem_switch.h"
 #include "qosa_file.h"
 #include "qosa_mem.h"
 #include "qosa_string.h"
@@ -252,7 +253,7 @@ int QOSA_Fcntl(int fd, int cmd, long arg) { return fcntl(fd, cmd, arg); }
 // ---- file size and status ----
 
 u32 QOSA_GetFileSize(const char* path, u32* size) {
-    if (size == nullptr || QOSA_StrLen(path) == 0) return QOSA_ERROR;
+    if (size == nullptr || qosa::str_len(path) == 0) return QOSA_ERROR;
     struct stat s;
     if (stat(path, &s) != 0) return 1;
     // 0xFFFFFFFF itself is the failure value, so the largest size told is one below.
@@ -279,10 +280,10 @@ namespace {
 class TrackedBlock {
   public:
     TrackedBlock(u32 size, u32 line)
-        : size_(size), line_(line),
-          p_(static_cast<char*>(QOSA_MemTypeMallocD(size, QOSA_MEM_DYN, line, QOSA_UNIT_NAME))) {}
+        : size_(size), line_(line), p_(static_cast<char*>(qosa::mem::alloc(size, QOSA_MEM_DYN, line, QOSA_UNIT_NAME))) {
+    }
     ~TrackedBlock() {
-        if (p_ != nullptr) QOSA_MemTypeFreeD(p_, QOSA_MEM_DYN, line_, QOSA_UNIT_NAME);
+        if (p_ != nullptr) qosa::mem::release(p_, QOSA_MEM_DYN, line_, QOSA_UNIT_NAME);
     }
     TrackedBlock(const TrackedBlock&) = delete;
     TrackedBlock& operator=(const TrackedBlock&) = delete;
@@ -346,7 +347,7 @@ bool same_file(const struct stat& source, const char* destination) {
 extern "C" {
 
 s32 QOSA_MkDir_P(const char* path, u32 mode) {
-    u32 length = QOSA_StrLen(path);
+    u32 length = qosa::str_len(path);
     if (length == 0) return -1;
     if (is_dot_name(path)) return 0;
 
@@ -377,14 +378,14 @@ s32 QOSA_RelPath(const char* path, char* out, s32 outSize) {
     if (path == nullptr || out == nullptr) return 1;
     TrackedBlock resolved(kResolveBlock, __LINE__);
     if (resolved.get() == nullptr || realpath(path, resolved.get()) == nullptr) return 1;
-    u32 length = QOSA_StrLen(resolved.get());
+    u32 length = qosa::str_len(resolved.get());
     if (static_cast<s32>(length) > outSize) return 1;
     // A length equal to outSize leaves no room for the terminator: refused here.
     return strncpy_s(out, static_cast<std::size_t>(outSize), resolved.get(), length) == 0 ? 0 : 1;
 }
 
 s32 QOSA_CopyFile(const char* source, const char* destination) {
-    if (QOSA_StrLen(source) == 0 || QOSA_StrLen(destination) == 0) return -1;
+    if (qosa::str_len(source) == 0 || qosa::str_len(destination) == 0) return -1;
     int in = open(source, O_RDONLY | O_CLOEXEC);
     if (in < 0) return -1;
     struct stat s;
@@ -515,16 +516,16 @@ u32 get_utf8_strlen(const u32* unicode) {
     return unicode == nullptr ? 0 : static_cast<u32>(utf8_bytes(unicode, unit_count(unicode)));
 }
 
-u32 get_unicode_strlen(const char* utf8) { return count_units(reinterpret_cast<const u8*>(utf8), QOSA_StrLen(utf8)); }
+u32 get_unicode_strlen(const char* utf8) { return count_units(reinterpret_cast<const u8*>(utf8), qosa::str_len(utf8)); }
 
 u32* utf8Str_to_unicodeStr(const char* utf8) {
-    u32 n = QOSA_StrLen(utf8);
+    u32 n = qosa::str_len(utf8);
     if (n == 0) return nullptr;
     const auto* s = reinterpret_cast<const u8*>(utf8);
     u32 count = count_units(s, n);
     if (count == 0 || count >= 0x3FFFFFFFu) return nullptr;
     u32 size = (count + 1) * static_cast<u32>(sizeof(u32));
-    auto* out = static_cast<u32*>(QOSA_MemTypeMallocD(size, QOSA_MEM_DYN, QOSA_HERE));
+    auto* out = static_cast<u32*>(qosa::mem::alloc(size, QOSA_MEM_DYN, QOSA_HERE));
     if (out == nullptr) return nullptr;
     auto k = static_cast<u32>(decode<Rule::Loose>(s, n, out, count));
     // The terminator and every unit after it are 0 (the terminator written
@@ -541,7 +542,7 @@ char* unicodeStr_to_utf8Str(const u32* unicode) {
     u64 total = utf8_bytes(unicode, n);
     if (total >= 0xFFFFFFFFu) return nullptr;
     u32 size = static_cast<u32>(total) + 1;
-    auto* out = static_cast<u8*>(QOSA_MemTypeMallocD(size, QOSA_MEM_DYN, QOSA_HERE));
+    auto* out = static_cast<u8*>(qosa::mem::alloc(size, QOSA_MEM_DYN, QOSA_HERE));
     if (out == nullptr) return nullptr;
     // Lengths were measured above; the encoder stops rather than overrun
     // should the units have changed since.

@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "internal/common.h"
+#include "internal/lock.h"
 #include "qosa_lock.h"
 
 static_assert(offsetof(QosaMutex, mutex) == 0, "the platform mutex comes first");
@@ -62,11 +63,31 @@ inline int bring_to_life(QosaMutex* m) {
 
 } // namespace
 
-extern "C" {
+namespace qosa::lock {
 
-int QOSA_MutexInit(QosaMutex* m, const pthread_mutexattr_t* attr) {
+int init(QosaMutex* m, const pthread_mutexattr_t* attr) {
     return guarded(-1, need(m), [=] { return pthread_mutex_init(&m->mutex, attr); });
 }
+
+int destroy(QosaMutex* m) {
+    return guarded(-1, need(m), [=] { return pthread_mutex_destroy(&m->mutex) == 0 ? 0 : -1; });
+}
+
+// GCOVR_EXCL_BR_START: bring_to_life fails only where the platform's mutex init can
+int lock(QosaMutex* m) {
+    return guarded(-1, need(m), [=] { return bring_to_life(m) != 0 ? -1 : pthread_mutex_lock(&m->mutex); });
+}
+// GCOVR_EXCL_BR_STOP
+
+int unlock(QosaMutex* m) {
+    return guarded(-1, need(m), [=] { return pthread_mutex_unlock(&m->mutex); });
+}
+
+} // namespace qosa::lock
+
+extern "C" {
+
+int QOSA_MutexInit(QosaMutex* m, const pthread_mutexattr_t* attr) { return qosa::lock::init(m, attr); }
 
 int QOSA_MutexInitRecursive(QosaMutex* m) {
     pthread_mutexattr_t attr;
@@ -77,23 +98,16 @@ int QOSA_MutexInitRecursive(QosaMutex* m) {
     return guarded(-1, need(m), [&] { return pthread_mutex_init(&m->mutex, &attr); });
 }
 
-int QOSA_MutexDestroy(QosaMutex* m) {
-    return guarded(-1, need(m), [=] { return pthread_mutex_destroy(&m->mutex) == 0 ? 0 : -1; });
-}
+int QOSA_MutexDestroy(QosaMutex* m) { return qosa::lock::destroy(m); }
+int QOSA_MutexLock(QosaMutex* m) { return qosa::lock::lock(m); }
 
 // GCOVR_EXCL_BR_START: bring_to_life fails only where the platform's mutex init can
-int QOSA_MutexLock(QosaMutex* m) {
-    return guarded(-1, need(m), [=] { return bring_to_life(m) != 0 ? -1 : pthread_mutex_lock(&m->mutex); });
-}
-
 int QOSA_MutexTryLock(QosaMutex* m) {
     return guarded(-1, need(m), [=] { return bring_to_life(m) != 0 ? -1 : pthread_mutex_trylock(&m->mutex); });
 }
 // GCOVR_EXCL_BR_STOP
 
-int QOSA_MutexUnLock(QosaMutex* m) {
-    return guarded(-1, need(m), [=] { return pthread_mutex_unlock(&m->mutex); });
-}
+int QOSA_MutexUnLock(QosaMutex* m) { return qosa::lock::unlock(m); }
 
 int ORV_Pthread_RWLock_Init(pthread_rwlock_t* rwlock, const pthread_rwlockattr_t* attr) {
     return pthread_rwlock_init(rwlock, attr);

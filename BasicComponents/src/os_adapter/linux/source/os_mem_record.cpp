@@ -7,11 +7,9 @@
 #include <cstdlib>
 #include <iterator>
 
+#include "internal/clock.h"
 #include "internal/common.h"
 #include "internal/mem_table.h"
-#include "qosa_string.h"
-#include "qosa_thread.h"
-#include "qosa_time.h"
 
 static_assert(sizeof(void*) == 8, "records hold 64-bit pointers");
 static_assert(offsetof(QOSA_MEM_REC_S, pAddr) == 0);
@@ -182,28 +180,26 @@ u32 guard_check(QOSA_MEM_REC_S* r, const void* p) {
 }
 
 void log_error(const void* addr, u32 size, const char* file, u32 line, u32 type, u32 err) {
-    sysMemLogMemErr(const_cast<void*>(addr), size, base_name(file), line, type, err);
+    qosa::mem::log_mem_err(const_cast<void*>(addr), size, base_name(file), line, type, err);
 }
 
 } // namespace qosa::mem
 
 using namespace qosa::mem;
 
-extern "C" {
-
-void* sysMemAlignAlloc(u32 alignment, u32 size) {
+void* qosa::mem::align_alloc(u32 alignment, u32 size) {
     void* p = nullptr;
     return posix_memalign(&p, alignment, size) == 0 ? p : nullptr;
 }
 
-int sysMemProtect(void* page) {
+int qosa::mem::protect(void* page) {
     return guarded(-1, need(page), [=] { return mprotect(page, kPage, PROT_READ); });
 }
-int sysMemUnProtect(void* page) {
+int qosa::mem::unprotect(void* page) {
     return guarded(-1, need(page), [=] { return mprotect(page, kPage, PROT_READ | PROT_WRITE); });
 }
 
-int sysMemLogMemErr(void* addr, u32 size, const char* file, u32 line, u32 type, u32 err) {
+int qosa::mem::log_mem_err(void* addr, u32 size, const char* file, u32 line, u32 type, u32 err) {
     MemMonitor& t = g_MemMonitorRecord;
     MutexGuard lock(&t.hErrMutex);
     u32 n = t.ulErrCnt;
@@ -220,7 +216,7 @@ int sysMemLogMemErr(void* addr, u32 size, const char* file, u32 line, u32 type, 
     return 0;
 }
 
-u32 sysMemGetErrMemLog(void** out) {
+u32 qosa::mem::err_log(void** out) {
     MemMonitor& t = g_MemMonitorRecord;
     if (out == nullptr || load(t.ulErrCnt) == 0) return 0;
     MutexGuard lock(&t.hErrMutex);
@@ -236,18 +232,18 @@ u32 sysMemGetErrMemLog(void** out) {
     return n;
 }
 
-void* sysMemAddUserMem(u32 size, u32 align, const char* file, u32 line, u32 type) {
+void* qosa::mem::add_block(u32 size, u32 align, const char* file, u32 line, u32 type) {
     MemMonitor& t = g_MemMonitorRecord;
     u32 rounded = 0, span = 0;
     void* base = nullptr;
     if (align != 0 && align <= kPage && block_sizes(size, align, &rounded, &span))
-        base = sysMemAlignAlloc(kPage, span + kPage);
+        base = qosa::mem::align_alloc(kPage, span + kPage);
     if (base == nullptr) {
         log_error(nullptr, size, file, line, type, QOSA_MEM_NO_MEM);
         return nullptr;
     }
-    u64 thread = static_cast<u64>(QOSA_PthreadSelf());
-    u32 now = QOSA_GetSysTimeSec();
+    u64 thread = static_cast<u64>(pthread_self());
+    u32 now = qosa::clock::wall_sec();
     char* p = static_cast<char*>(base) + (span - rounded);
     // The guard words go in before the lock is taken (the block is nobody
     // else's yet), so the first touch of its pages does not happen under the
@@ -290,11 +286,11 @@ void* sysMemAddUserMem(u32 size, u32 align, const char* file, u32 line, u32 type
         std::free(base);
         return nullptr;
     }
-    if (sysMemProtect(p + rounded) != 0) guard_page_refused();
+    if (qosa::mem::protect(p + rounded) != 0) guard_page_refused();
     return p;
 }
 
-u32 sysMemDeleteUserMem(void* p) {
+u32 qosa::mem::delete_block(void* p) {
     MemMonitor& t = g_MemMonitorRecord;
     void* base = nullptr;
     char* guardPage = nullptr;
@@ -308,7 +304,7 @@ u32 sysMemDeleteUserMem(void* p) {
         if (result != QOSA_MEM_GOOD) {
             // The block stays allocated (and its guard page read-only) so
             // that it can still be examined; the error record keeps it.
-            sysMemLogMemErr(p, r->ulSize, r->pFile, r->ulLine, r->ulType, result);
+            qosa::mem::log_mem_err(p, r->ulSize, r->pFile, r->ulLine, r->ulType, result);
             r->pAddr = nullptr;
             return result;
         }
@@ -316,12 +312,12 @@ u32 sysMemDeleteUserMem(void* p) {
         guardPage = static_cast<char*>(p) + r->ulAlignSize;
         r->pAddr = nullptr;
     }
-    sysMemUnProtect(guardPage);
+    qosa::mem::unprotect(guardPage);
     std::free(base);
     return QOSA_MEM_GOOD;
 }
 
-u32 sysMemCopyUserMem(void* dst, void* src) {
+u32 qosa::mem::copy_block(void* dst, void* src) {
     MemMonitor& t = g_MemMonitorRecord;
     MutexGuard lock(&t.hMutex);
     QOSA_MEM_REC_S* to = live_record(dst);
@@ -336,10 +332,26 @@ u32 sysMemCopyUserMem(void* dst, void* src) {
     return n == 0 || memcpy_s(dst, n, src, n) == 0 ? 0 : 1;
 }
 
+// The tracker's exported entry points.
+extern "C" {
+
 QOSA_MEM_REC_S* sysMemCheckUserAddr(void* p) {
     QOSA_MEM_REC_S* r = live_record(p);
     if (r != nullptr) guard_check(r, p);
     return r;
 }
+
+void* sysMemAlignAlloc(u32 alignment, u32 size) { return qosa::mem::align_alloc(alignment, size); }
+int sysMemProtect(void* page) { return qosa::mem::protect(page); }
+int sysMemUnProtect(void* page) { return qosa::mem::unprotect(page); }
+int sysMemLogMemErr(void* addr, u32 size, const char* file, u32 line, u32 type, u32 err) {
+    return qosa::mem::log_mem_err(addr, size, file, line, type, err);
+}
+u32 sysMemGetErrMemLog(void** out) { return qosa::mem::err_log(out); }
+void* sysMemAddUserMem(u32 size, u32 align, const char* file, u32 line, u32 type) {
+    return qosa::mem::add_block(size, align, file, line, type);
+}
+u32 sysMemDeleteUserMem(void* p) { return qosa::mem::delete_block(p); }
+u32 sysMemCopyUserMem(void* dst, void* src) { return qosa::mem::copy_block(dst, src); }
 
 } // extern "C"

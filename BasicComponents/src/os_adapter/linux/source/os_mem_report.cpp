@@ -5,6 +5,7 @@
 // function after releasing them. The tracker's own scratch memory (text
 // buffers, copies of the tables) comes from malloc, so that a report never
 // shows up in the listing it makes.
+#include <cctype>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -13,8 +14,6 @@
 
 #include "internal/common.h"
 #include "internal/mem_table.h"
-#include "qosa_file.h"
-#include "qosa_string.h"
 
 using namespace qosa::mem;
 
@@ -40,9 +39,9 @@ const char* status_name(u32 status) { return status < std::size(g_MemStatus) ? g
 
 // One record line, appended to buf.
 u32 append_record(char* buf, u32 bufSize, const QOSA_MEM_REC_S& r) {
-    return sysMemLogStringCat(buf, bufSize, "%-7u  %-10u %-5u %-31s %s    %-9s %u\r\n", r.ulPos, r.ulSize, r.ulLine,
-                              r.pFile != nullptr ? r.pFile : "(null)", type_name(r.ulType), status_name(r.ulStatus),
-                              static_cast<u32>(r.ulThread));
+    return qosa::mem::string_cat(buf, bufSize, "%-7u  %-10u %-5u %-31s %s    %-9s %u\r\n", r.ulPos, r.ulSize, r.ulLine,
+                                 r.pFile != nullptr ? r.pFile : "(null)", type_name(r.ulType), status_name(r.ulStatus),
+                                 static_cast<u32>(r.ulThread));
 }
 
 // Hands a listing to print in pieces of at most kChunk records, each after
@@ -50,7 +49,7 @@ u32 append_record(char* buf, u32 bufSize, const QOSA_MEM_REC_S& r) {
 void print_listing(QOSA_MemPrintProc print, char* buf, QOSA_MEM_REC_S* recs, u32 count) {
     for (u32 i = 0; i < count; i += kChunk) {
         u32 n = count - i < kChunk ? count - i : kChunk;
-        u32 len = sysMemPrintMemInfo(1, buf, kTextBuf, recs + i, n);
+        u32 len = qosa::mem::print_info(1, buf, kTextBuf, recs + i, n);
         print(buf, len);
     }
 }
@@ -60,7 +59,7 @@ void print_listing(QOSA_MemPrintProc print, char* buf, QOSA_MEM_REC_S* recs, u32
 void dump_line(FILE* f, char* buf, const QOSA_MEM_REC_S& r) {
     buf[0] = '\0';
     append_record(buf, kTextBuf, r);
-    QOSA_Fprintf(f, "%s", buf);
+    std::fprintf(f, "%s", buf);
 }
 
 const QOSA_MEM_REC_S& record_of(const void* slot) {
@@ -71,35 +70,43 @@ const QOSA_MEM_REC_S& record_of(const void* slot) {
 
 } // namespace
 
-extern "C" {
+namespace {
 
-u32 sysMemLogStringCat(char* buf, u32 bufSize, const char* fmt, ...) {
-    u32 len = QOSA_StrLen(buf);
+// Appends the formatted text to buf; the bytes added, 0 when nothing fits.
+u32 vstring_cat(char* buf, u32 bufSize, const char* fmt, std::va_list args) {
+    u32 len = qosa::str_len(buf);
     if (buf == nullptr || fmt == nullptr || len >= bufSize) return 0;
-    std::va_list args;
-    va_start(args, fmt);
     int n = vsprintf_s(buf + len, bufSize - len - 1, fmt, args);
-    va_end(args);
     return n < 0 ? 0 : static_cast<u32>(n);
 }
 
-u32 sysMemPrintMemInfo(int withHeader, char* buf, u32 bufSize, QOSA_MEM_REC_S* recs, u32 count) {
+} // namespace
+
+u32 qosa::mem::string_cat(char* buf, u32 bufSize, const char* fmt, ...) {
+    std::va_list args;
+    va_start(args, fmt);
+    u32 n = vstring_cat(buf, bufSize, fmt, args);
+    va_end(args);
+    return n;
+}
+
+u32 qosa::mem::print_info(int withHeader, char* buf, u32 bufSize, QOSA_MEM_REC_S* recs, u32 count) {
     if (buf == nullptr || bufSize == 0) return 0;
     buf[0] = '\0';
-    u32 total = withHeader != 0 ? sysMemLogStringCat(buf, bufSize, "%s", kHeader) : 0;
+    u32 total = withHeader != 0 ? qosa::mem::string_cat(buf, bufSize, "%s", kHeader) : 0;
     for (u32 i = 0; recs != nullptr && i < count; ++i)
         total += append_record(buf, bufSize, recs[i]);
     return total;
 }
 
-char* sysMemStrcasestr(char* text, const char* pattern) {
+char* qosa::mem::find_nocase(char* text, const char* pattern) {
     if (text == nullptr || pattern == nullptr) return nullptr;
     auto textLen = static_cast<long long>(std::strlen(text));
     auto patternLen = static_cast<long long>(std::strlen(pattern));
     long long positions = textLen - patternLen + 1;
     if (positions < 1) return nullptr;
     if (patternLen == 0) return text;
-    auto upper = [](char c) { return QOSA_CharToUpper(static_cast<unsigned char>(c)); };
+    auto upper = [](char c) { return std::toupper(static_cast<unsigned char>(c)); };
     for (long long i = 0; i < positions; ++i) {
         long long j = 0;
         while (j < patternLen && upper(text[i + j]) == upper(pattern[j]))
@@ -109,10 +116,20 @@ char* sysMemStrcasestr(char* text, const char* pattern) {
     return nullptr;
 }
 
-int sysMemSortByAddr(const void* a, const void* b) { return record_of(a).pAddr < record_of(b).pAddr ? -1 : 1; }
-int sysMemSortBySize(const void* a, const void* b) { return record_of(a).ulSize < record_of(b).ulSize ? -1 : 1; }
+namespace {
 
-u32 sysMemSortMemInfo(QOSA_MEM_REC_S** out, char* filter, int sortMode) {
+// The orders of the record listing, as qsort comparisons of slot numbers.
+int by_addr(const void* a, const void* b) { return record_of(a).pAddr < record_of(b).pAddr ? -1 : 1; }
+int by_size(const void* a, const void* b) { return record_of(a).ulSize < record_of(b).ulSize ? -1 : 1; }
+
+} // namespace
+
+extern "C" {
+int sysMemSortByAddr(const void* a, const void* b) { return by_addr(a, b); }
+int sysMemSortBySize(const void* a, const void* b) { return by_size(a, b); }
+} // extern "C"
+
+u32 qosa::mem::sort_info(QOSA_MEM_REC_S** out, char* filter, int sortMode) {
     if (out == nullptr) return 0;
     *out = nullptr;
     MutexGuard lock(&T.hMutex);
@@ -126,13 +143,13 @@ u32 sysMemSortMemInfo(QOSA_MEM_REC_S** out, char* filter, int sortMode) {
         std::free(slots);
         return 0;
     }
-    if (sortMode == 0) std::qsort(slots, cur, sizeof(u32), sysMemSortByAddr);
-    if (sortMode == 1) std::qsort(slots, cur, sizeof(u32), sysMemSortBySize);
-    bool all = QOSA_StrLen(filter) == 0;
+    if (sortMode == 0) std::qsort(slots, cur, sizeof(u32), by_addr);
+    if (sortMode == 1) std::qsort(slots, cur, sizeof(u32), by_size);
+    bool all = qosa::str_len(filter) == 0;
     u32 kept = 0;
     for (u32 i = 0; i < cur; ++i) {
         const QOSA_MEM_REC_S& r = T.astRec[slots[i]];
-        if (all || (r.pFile != nullptr && sysMemStrcasestr(const_cast<char*>(r.pFile), filter) != nullptr))
+        if (all || (r.pFile != nullptr && qosa::mem::find_nocase(const_cast<char*>(r.pFile), filter) != nullptr))
             recs[kept++] = r;
     }
     std::free(slots);
@@ -144,7 +161,7 @@ u32 sysMemSortMemInfo(QOSA_MEM_REC_S** out, char* filter, int sortMode) {
     return kept;
 }
 
-u32 sysMemScanErrMemInfo(QOSA_MEM_REC_S** out) {
+u32 qosa::mem::scan_damaged(QOSA_MEM_REC_S** out) {
     if (out == nullptr) return 0;
     *out = nullptr;
     auto* recs = static_cast<QOSA_MEM_REC_S*>(std::malloc(std::size_t{kMaxErrRec} * sizeof(QOSA_MEM_REC_S)));
@@ -168,8 +185,8 @@ u32 sysMemScanErrMemInfo(QOSA_MEM_REC_S** out) {
     return n;
 }
 
-int MemSelfCheck(void) {
-    QOSA_MutexLock(&T.hMutex);
+int qosa::mem::self_check(void) {
+    qosa::lock::lock(&T.hMutex);
     for (u32 p = 0; p < T.ulCurCnt; ++p) {
         u32 slot = T.aulPosTab[p];
         const void* block = caller_ptr(T.astRec[slot]);
@@ -179,54 +196,55 @@ int MemSelfCheck(void) {
         else
             T.astRec[slot].ulStatus = QOSA_MEM_INVALID_MEM;
     }
-    return QOSA_MutexUnLock(&T.hMutex);
+    return qosa::lock::unlock(&T.hMutex);
 }
 
-void MemRecordMemRecFun(char* path) {
-    QOSA_Remove(path);
-    FILE* f = QOSA_Fopen(path, "a+");
+void qosa::mem::dump_records(char* path) {
+    std::remove(path);
+    FILE* f = std::fopen(path, "a+");
     if (f == nullptr) return;
     auto* buf = static_cast<char*>(std::malloc(kTextBuf));
     if (buf == nullptr) {
-        QOSA_Fclose(f);
+        std::fclose(f);
         return;
     }
     {
         MutexGuard lock(&T.hMutex);
-        QOSA_Fprintf(f, "\r\n-------MemInfo %u----\r\n", T.ulCurCnt);
-        QOSA_Fprintf(f, "%s", kHeader);
+        std::fprintf(f, "\r\n-------MemInfo %u----\r\n", T.ulCurCnt);
+        std::fprintf(f, "%s", kHeader);
         for (u32 p = 0; p < T.ulCurCnt; ++p)
             dump_line(f, buf, T.astRec[T.aulPosTab[p]]);
     }
     {
         MutexGuard lock(&T.hErrMutex);
-        QOSA_Fprintf(f, "\r\n-------ErrMem %u----\r\n", T.ulErrCnt);
-        QOSA_Fprintf(f, "%s", kHeader);
+        std::fprintf(f, "\r\n-------ErrMem %u----\r\n", T.ulErrCnt);
+        std::fprintf(f, "%s", kHeader);
         for (u32 e = 0; e < T.ulErrCnt; ++e)
             dump_line(f, buf, T.astErrRec[e]);
     }
-    QOSA_Fflush(f);
-    QOSA_Fclose(f);
+    std::fflush(f);
+    std::fclose(f);
     std::free(buf);
 }
 
-u32 MemGetMemStats(QOSA_MemPrintProc print) {
+u32 qosa::mem::report_stats(QOSA_MemPrintProc print) {
     if (print == nullptr) return 1;
     char buf[256] = {};
-    u32 len = sysMemLogStringCat(buf, sizeof buf,
-                                 "Current mem record cnt: %u\n\rMax mem record cnt: %u\n\rMax mem record limit : %u\n\r"
-                                 "User malloc mem:   %u (Bytes)\n\r",
-                                 load(T.ulCurCnt), load(T.ulMaxCnt), kMaxRec, load(T.ulUserMem));
+    u32 len =
+        qosa::mem::string_cat(buf, sizeof buf,
+                              "Current mem record cnt: %u\n\rMax mem record cnt: %u\n\rMax mem record limit : %u\n\r"
+                              "User malloc mem:   %u (Bytes)\n\r",
+                              load(T.ulCurCnt), load(T.ulMaxCnt), kMaxRec, load(T.ulUserMem));
     print(buf, len);
     return 0;
 }
 
-u32 MemGetMemRec(u32 mode, u32 sortMode, char* filter, QOSA_MemPrintProc print) {
+u32 qosa::mem::report_records(u32 mode, u32 sortMode, char* filter, QOSA_MemPrintProc print) {
     if (print == nullptr) return 1;
     QOSA_MEM_REC_S* recs = nullptr;
     u32 n = 0;
-    if (mode == 0) n = sysMemSortMemInfo(&recs, nullptr, static_cast<int>(sortMode));
-    if (mode == 1) n = sysMemSortMemInfo(&recs, filter, static_cast<int>(sortMode));
+    if (mode == 0) n = qosa::mem::sort_info(&recs, nullptr, static_cast<int>(sortMode));
+    if (mode == 1) n = qosa::mem::sort_info(&recs, filter, static_cast<int>(sortMode));
     auto* buf = static_cast<char*>(std::malloc(kTextBuf));
     if (buf == nullptr) {
         std::free(recs);
@@ -237,41 +255,70 @@ u32 MemGetMemRec(u32 mode, u32 sortMode, char* filter, QOSA_MemPrintProc print) 
     for (u32 i = 0; i < n; ++i)
         bytes += recs[i].ulAlignSize;
     char totals[512] = {};
-    u32 len = sysMemLogStringCat(totals, sizeof totals,
-                                 "\r\nTotal malloc mem: %u\r\nThis User malloc mem : %u (bytes)\r\n", n, bytes);
+    u32 len = qosa::mem::string_cat(totals, sizeof totals,
+                                    "\r\nTotal malloc mem: %u\r\nThis User malloc mem : %u (bytes)\r\n", n, bytes);
     print(totals, len);
     std::free(buf);
     std::free(recs);
     return 0;
 }
 
-u32 MemGetMemScan(QOSA_MemPrintProc print) {
+u32 qosa::mem::report_scan(QOSA_MemPrintProc print) {
     if (print == nullptr) return 1;
     auto* buf = static_cast<char*>(std::malloc(kTextBuf));
     if (buf == nullptr) return 1;
     QOSA_MEM_REC_S* damaged = nullptr;
-    u32 nDamaged = sysMemScanErrMemInfo(&damaged);
+    u32 nDamaged = qosa::mem::scan_damaged(&damaged);
     print_listing(print, buf, damaged, nDamaged);
     std::free(damaged);
     void* logged = nullptr;
-    u32 nLogged = sysMemGetErrMemLog(&logged);
+    u32 nLogged = qosa::mem::err_log(&logged);
     print_listing(print, buf, static_cast<QOSA_MEM_REC_S*>(logged), nLogged);
     std::free(logged);
     buf[0] = '\0';
-    u32 len = sysMemLogStringCat(buf, kTextBuf, kSummary, nDamaged + nLogged);
+    u32 len = qosa::mem::string_cat(buf, kTextBuf, kSummary, nDamaged + nLogged);
     print(buf, len);
     std::free(buf);
     return 0;
 }
 
-u32 MemGetMemoryUseMonitor(QOSA_MemPrintProc print) {
+u32 qosa::mem::report_use(QOSA_MemPrintProc print) {
     if (print == nullptr) return 1;
-    MemSelfCheck();
-    MemRecordMemRecFun(s_recordDump);
+    qosa::mem::self_check();
+    qosa::mem::dump_records(s_recordDump);
     char buf[512] = {};
-    u32 len = sysMemLogStringCat(buf, sizeof buf, "Save to %s", s_recordDump);
+    u32 len = qosa::mem::string_cat(buf, sizeof buf, "Save to %s", s_recordDump);
     print(buf, len);
     return 0;
 }
+
+// The tracker's exported entry points.
+extern "C" {
+
+u32 sysMemLogStringCat(char* buf, u32 bufSize, const char* fmt, ...) {
+    std::va_list args;
+    va_start(args, fmt);
+    u32 n = vstring_cat(buf, bufSize, fmt, args);
+    va_end(args);
+    return n;
+}
+u32 sysMemPrintMemInfo(int withHeader, char* buf, u32 bufSize, QOSA_MEM_REC_S* recs, u32 count) {
+    return qosa::mem::print_info(withHeader, buf, bufSize, recs, count);
+}
+char* sysMemStrcasestr(char* text, const char* pattern) { return qosa::mem::find_nocase(text, pattern); }
+u32 sysMemSortMemInfo(QOSA_MEM_REC_S** out, char* filter, int sortMode) {
+    return qosa::mem::sort_info(out, filter, sortMode);
+}
+u32 sysMemScanErrMemInfo(QOSA_MEM_REC_S** out) { return qosa::mem::scan_damaged(out); }
+int MemSelfCheck(void) { return qosa::mem::self_check(); }
+void MemRecordMemRecFun(char* path) {
+    guarded(nothing, need(as_path(path)), [=] { qosa::mem::dump_records(path); });
+}
+u32 MemGetMemStats(QOSA_MemPrintProc print) { return qosa::mem::report_stats(print); }
+u32 MemGetMemRec(u32 mode, u32 sortMode, char* filter, QOSA_MemPrintProc print) {
+    return qosa::mem::report_records(mode, sortMode, filter, print);
+}
+u32 MemGetMemScan(QOSA_MemPrintProc print) { return qosa::mem::report_scan(print); }
+u32 MemGetMemoryUseMonitor(QOSA_MemPrintProc print) { return qosa::mem::report_use(print); }
 
 } // extern "C"

@@ -5,19 +5,21 @@
 #define QOSA_UNIT_NAME "os_run_config.c"
 
 #include <dirent.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cinttypes>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 #include "internal/common.h"
+#include "internal/error.h"
+#include "internal/mem_switch.h"
 #include "internal/proc_parse.h"
-#include "qosa_error.h"
-#include "qosa_file.h"
 #include "qosa_mem.h"
 #include "qosa_stat.h"
-#include "qosa_string.h"
-#include "qosa_thread.h"
 
 static_assert(sizeof(QOSA_OS_PROC_INFO_S) == 24 && offsetof(QOSA_OS_PROC_INFO_S, ulValue) == 20,
               "an 18-byte name, then the 32-bit figure");
@@ -52,7 +54,7 @@ u32 saturated(unsigned long v) { return v > UINT32_MAX ? UINT32_MAX : static_cas
 } // namespace
 
 u32 parse_cpu_line(const char* text, CpuSample* sample) {
-    const char* line = QOSA_StrStr(text, "cpu ");
+    const char* line = std::strstr(text, "cpu ");
     if (line == nullptr) return 2;
     u64 v[4] = {sample->user, sample->nice, sample->system, sample->idle};
     if (sscanf_s(line, "cpu %" SCNu64 " %" SCNu64 " %" SCNu64 " %" SCNu64, &v[0], &v[1], &v[2], &v[3]) < 0) return 2;
@@ -75,7 +77,7 @@ u32 process_share(u32 before, u32 after, u64 total) {
 
 const char* step_fields(const char* p, u32 steps) {
     for (u32 i = 0; i < steps; ++i) {
-        p = QOSA_StrChr(p, ' ');
+        p = std::strchr(p, ' ');
         if (p == nullptr) return nullptr;
         p = skip_blanks(p);
     }
@@ -84,8 +86,8 @@ const char* step_fields(const char* p, u32 steps) {
 
 const char* stat_name(const char* line, char* name) {
     name[0] = '\0';
-    const char* open = QOSA_StrChr(line, '(');
-    const char* close = QOSA_StrrChr(line, ')');
+    const char* open = std::strchr(line, '(');
+    const char* close = std::strrchr(line, ')');
     if (open == nullptr || close == nullptr || close < open) return nullptr;
     std::size_t len = static_cast<std::size_t>(close - open - 1);
     if (len > kNameMax) len = kNameMax;
@@ -102,8 +104,8 @@ u32 stat_pair(const char* line, u32 first, char* name, u32* value) {
     const char* p = step_fields(close, first - 2);
     if (p == nullptr) return 2;
     char* end = nullptr;
-    const u64 a = QOSA_Strtoul(p, &end, 10);
-    const u64 b = QOSA_Strtoul(end, nullptr, 10);
+    const u64 a = std::strtoul(p, &end, 10);
+    const u64 b = std::strtoul(end, nullptr, 10);
     *value = static_cast<u32>(a + b);
     return 0;
 }
@@ -111,11 +113,11 @@ u32 stat_pair(const char* line, u32 first, char* name, u32* value) {
 int parse_stat_head(const char* line, StatHead* head) {
     memset_s(head, sizeof *head, 0, sizeof *head);
     char* end = nullptr;
-    const long pid = QOSA_Strtol(line, &end, 10);
+    const long pid = std::strtol(line, &end, 10);
     if (end == line) return -1;
     head->pid = static_cast<s32>(pid);
     const char* open = skip_blanks(end);
-    const char* close = QOSA_StrrChr(open, ')');
+    const char* close = std::strrchr(open, ')');
     if (*open != '(' || close == nullptr) return 1;
     std::size_t len = static_cast<std::size_t>(close - open + 1);
     if (len > kNameMax) len = kNameMax;
@@ -127,7 +129,7 @@ int parse_stat_head(const char* line, StatHead* head) {
     s32* numbers[] = {&head->ppid, &head->pgrp};
     int fields = 3;
     for (s32* n : numbers) {
-        const long v = QOSA_Strtol(p, &end, 10);
+        const long v = std::strtol(p, &end, 10);
         if (end == p) break;
         *n = static_cast<s32>(v);
         p = end;
@@ -137,13 +139,13 @@ int parse_stat_head(const char* line, StatHead* head) {
 }
 
 bool name_matches(const char* searched, const char* token) {
-    const u32 n = QOSA_StrLen(searched);
-    const u32 t = QOSA_StrLen(token);
+    const u32 n = qosa::str_len(searched);
+    const u32 t = qosa::str_len(token);
     if (t < 2) return false;
-    if (n == t - 2 && QOSA_StrNCmp(token + 1, searched, n) == 0) return true;
+    if (n == t - 2 && std::strncmp(token + 1, searched, n) == 0) return true;
     // The kernel keeps 15 characters: "(" + 15 + ")".
     constexpr u32 kKernelName = 15;
-    return t == kKernelName + 2 && QOSA_StrNCmp(token + 1, searched, kKernelName) == 0;
+    return t == kKernelName + 2 && std::strncmp(token + 1, searched, kKernelName) == 0;
 }
 
 s32 state_code(char letter) {
@@ -167,12 +169,12 @@ u32 parse_meminfo(const char* text, u32* total, u32* freeMem) {
     // The number reader skips the blanks that pad each label.
     static constexpr char kTotal[] = "MemTotal: ";
     static constexpr char kFree[] = "MemFree: ";
-    const char* t = QOSA_StrStr(text, kTotal);
+    const char* t = std::strstr(text, kTotal);
     if (t == nullptr) return 2;
-    *total = saturated(QOSA_Strtoul(t + sizeof kTotal - 1, nullptr, 10));
-    const char* f = QOSA_StrStr(text, kFree);
+    *total = saturated(std::strtoul(t + sizeof kTotal - 1, nullptr, 10));
+    const char* f = std::strstr(text, kFree);
     if (f == nullptr) return 2;
-    *freeMem = saturated(QOSA_Strtoul(f + sizeof kFree - 1, nullptr, 10));
+    *freeMem = saturated(std::strtoul(f + sizeof kFree - 1, nullptr, 10));
     return 0;
 }
 
@@ -199,7 +201,7 @@ constexpr char kNotFound[] = "Can not find this process: ";
 constexpr std::size_t kPathSize = 272;
 
 // Diagnostics: a message or the failing call, then the file or step.
-void diag(const char* what, const char* where) { QOSA_Printf("%s,%s \n", what, where); }
+void diag(const char* what, const char* where) { std::printf("%s,%s \n", what, where); }
 
 // A tracked block of records that the call still owns; released when the call
 // returns unless handed over with release().
@@ -219,13 +221,12 @@ class Owned {
         return p;
     }
     void reset(T* p) {
-        QOSA_MemTypeFreeD(p_, QOSA_MEM_DYN, line_, QOSA_UNIT_NAME);
+        qosa::mem::release(p_, QOSA_MEM_DYN, line_, QOSA_UNIT_NAME);
         p_ = p;
     }
     // A block of n records (none for n = 0) recorded at line.
     static T* allocate(u32 n, u32 line) {
-        return static_cast<T*>(
-            QOSA_MemTypeMallocD(n * static_cast<u32>(sizeof(T)), QOSA_MEM_DYN, line, QOSA_UNIT_NAME));
+        return static_cast<T*>(qosa::mem::alloc(n * static_cast<u32>(sizeof(T)), QOSA_MEM_DYN, line, QOSA_UNIT_NAME));
     }
     // Replaces the block by one of want records, the first have copied across;
     // the copy's status is added to status. False (block kept) when short.
@@ -252,36 +253,39 @@ class Owned {
 // reported at once.
 class Dir {
   public:
-    explicit Dir(const char* path) : d_(QOSA_OpenDir(path)) {
+    explicit Dir(const char* path) : d_(opendir(path)) {
         if (d_ == nullptr) diag(kOpenFailed, path);
     }
     Dir(const Dir&) = delete;
     Dir& operator=(const Dir&) = delete;
     ~Dir() {
-        if (d_ != nullptr) QOSA_CloseDir(d_);
+        if (d_ != nullptr) closedir(d_);
     }
     bool open() const { return d_ != nullptr; }
     // The next entry whose name begins with a digit, or nullptr at the end.
     const char* next_process() {
-        dirent* result = nullptr;
-        while (QOSA_ReadDir_S(d_, &entry_, &result) == 0 && result != nullptr)
-            if (entry_.d_name[0] >= '0' && entry_.d_name[0] <= '9') return entry_.d_name;
+        if (d_ == nullptr) return nullptr;
+        // readdir on a stream of its own is safe in any thread.
+        while (const dirent* e = readdir(d_))
+            if (e->d_name[0] >= '0' && e->d_name[0] <= '9') return e->d_name;
         return nullptr;
     }
 
   private:
     DIR* d_;
-    dirent entry_{};
 };
 
 // A directory listing in directory order, released when the call returns.
 class NameList {
   public:
-    explicit NameList(const char* path) : n_(QOSA_ScanDir(path, &list_, nullptr, nullptr)) {}
+    explicit NameList(const char* path) : n_(scandir(path, &list_, nullptr, nullptr)) {}
     NameList(const NameList&) = delete;
     NameList& operator=(const NameList&) = delete;
     ~NameList() {
-        if (n_ >= 0) QOSA_DestoryNameList(list_, static_cast<u32>(n_));
+        // scandir's entries and list come from malloc.
+        for (int i = 0; i < n_; ++i)
+            std::free(list_[i]);
+        std::free(list_);
     }
     int size() const { return n_; }
     const char* name(int i) const { return list_[i]->d_name; }
@@ -304,10 +308,10 @@ bool all_digits(const char* s) {
 bool read_head(const char* path, char* buf) {
     // Close-on-exec, so a program started by another thread meanwhile does not
     // inherit the file.
-    FILE* f = QOSA_Fopen(path, "rbe");
+    FILE* f = std::fopen(path, "rbe");
     if (f == nullptr) return false;
-    const std::size_t n = QOSA_Fread(buf, 1, kReadSize, f);
-    QOSA_Fclose(f);
+    const std::size_t n = std::fread(buf, 1, kReadSize, f);
+    std::fclose(f);
     buf[n] = '\0';
     // A process that exited between the open and the read reads as empty:
     // treat it like one that was already gone at the open.
@@ -369,7 +373,7 @@ Found find_process(const char* name, const NameList& procs, char* buf, Process* 
     for (int i = 0; i < procs.size(); ++i) {
         if (!all_digits(procs.name(i))) continue;
         StatHead self;
-        if (!stat_head_of(QOSA_StrToInt(procs.name(i)), 4, buf, &self) || !name_matches(name, self.token)) continue;
+        if (!stat_head_of(std::atoi(procs.name(i)), 4, buf, &self) || !name_matches(name, self.token)) continue;
         if (self.ppid != 0) {
             char path[kPathSize];
             Read r = read_stat(self.ppid, path, buf);
@@ -392,7 +396,7 @@ u32 threads_from_tasks(s32 owner, const NameList& tasks, char* buf, u32* count, 
     for (int i = 0; i < tasks.size(); ++i) {
         if (!all_digits(tasks.name(i))) continue;
         StatHead t;
-        if (stat_head_of(QOSA_StrToInt(tasks.name(i)), 3, buf, &t, owner))
+        if (stat_head_of(std::atoi(tasks.name(i)), 3, buf, &t, owner))
             out[n++] = ThreadInfo{t.pid, state_code(t.state)};
     }
     *count = n;
@@ -409,7 +413,7 @@ bool append_children(const char* name, const NameList& procs, s32 ppid, char* bu
     for (int i = 0; i < procs.size(); ++i) {
         if (!all_digits(procs.name(i))) continue;
         StatHead child;
-        if (!stat_head_of(QOSA_StrToInt(procs.name(i)), 5, buf, &child)) continue;
+        if (!stat_head_of(std::atoi(procs.name(i)), 5, buf, &child)) continue;
         if (child.ppid != ppid || !name_matches(name, child.token)) continue;
         if (last != nullptr) *last = child.pid;
         if (!out.resize(*n, *n + 1, __LINE__, &status)) return false;
@@ -446,7 +450,7 @@ u32 QOSA_OS_GetCPUBusyRateAll(u32* rate) {
     // GCOVR_EXCL_BR_STOP
     *rate = 0;
     if (OS_ReadCpuTime(&a) != 0) return 2;
-    QOSA_Sleep(1);
+    sleep(1);
     if (OS_ReadCpuTime(&b) != 0) return 2;
     *rate = busy_rate(a, b);
     return 0;
@@ -481,7 +485,7 @@ u32 QOSA_OS_GetCPUBusyRate(u32* count, QOSA_OS_PROC_INFO_S** records) {
     }
     if (work.get() == nullptr) return 1;
 
-    QOSA_Sleep(1);
+    sleep(1);
     if (OS_ReadCpuTime(&b) != 0) return 2;
     const u64 total = sum(b) >= sum(a) ? sum(b) - sum(a) : 0; // counters that went back give 0
 
@@ -494,7 +498,7 @@ u32 QOSA_OS_GetCPUBusyRate(u32* count, QOSA_OS_PROC_INFO_S** records) {
         for (const char* pid = proc.next_process(); pid != nullptr; pid = proc.next_process()) {
             if (OS_GetProcCpuTime(pid, scratch.szProcName, &scratch.ulValue) != 0) break;
             for (u32 j = m; j < n; ++j) {
-                if (QOSA_StrCmp(work[j].szProcName, scratch.szProcName) != 0) continue;
+                if (std::strcmp(work[j].szProcName, scratch.szProcName) != 0) continue;
                 work[j].ulValue = process_share(work[j].ulValue, scratch.ulValue, total);
                 if (j != m) {
                     status += memcpy_s(&spare, sizeof spare, &work[j], sizeof spare);
@@ -581,8 +585,8 @@ u32 QOSA_OS_GetProcThread(const char* name, u32* count, QOSA_OS_THREAD_INFO_S** 
     NameList procs("/proc");
     if (procs.size() < 0) {
         char text[64] = "";
-        QOSA_StrError_S(text, sizeof text, QOSA_GetLastErr());
-        QOSA_Printf("QOSA_ScanDir ERROR: %s\n", text);
+        qosa::err::str_error(text, sizeof text, static_cast<u32>(errno));
+        std::printf("QOSA_ScanDir ERROR: %s\n", text);
         return 2;
     }
     Process p{};

@@ -14,6 +14,8 @@
 #include "internal/clock.h"
 #include "internal/common.h"
 #include "internal/fifo_sem.h"
+#include "internal/mem_switch.h"
+#include "internal/sem.h"
 #include "qosa_mem.h"
 #include "qosa_sem.h"
 
@@ -84,12 +86,12 @@ s32 wait_for(QOSA_SEM_S* rec, std::int64_t ns) {
 
 QOSA_SEM_S* open_named(const char* name, s32 oflag, mode_t mode, u32 value) {
     if (name == nullptr) return nullptr;
-    auto* rec = static_cast<QOSA_SEM_S*>(QOSA_MemTypeMallocD(sizeof(QOSA_SEM_S), QOSA_MEM_DYN, QOSA_HERE));
+    auto* rec = static_cast<QOSA_SEM_S*>(qosa::mem::alloc(sizeof(QOSA_SEM_S), QOSA_MEM_DYN, QOSA_HERE));
     if (rec == nullptr) return nullptr;
     sem_t* s = sem_open(name, oflag, mode, value);
     if (s == SEM_FAILED) {
         int reason = errno;
-        QOSA_MemTypeFreeD(rec, QOSA_MEM_DYN, QOSA_HERE);
+        qosa::mem::release(rec, QOSA_MEM_DYN, QOSA_HERE);
         errno = reason;
         return nullptr;
     }
@@ -102,20 +104,15 @@ QOSA_SEM_S* open_named(const char* name, s32 oflag, mode_t mode, u32 value) {
 
 } // namespace
 
-extern "C" {
-
-// ---- unnamed (and by tag named) semaphores --------------------------------
-
-s32 QOSA_SemInit(QOSA_SEM_S* rec, s32 /*shared*/, u32 value) {
+s32 qosa::sem::init(QOSA_SEM_S* rec, u32 value) {
     return guarded<s32>(-1, need(rec), [=] {
         if (!qosa::sync::fifo_init(inner(rec), value)) return report(SemStatus::invalid);
         rec->tag = QOSA_SEM_TAG_UNNAMED;
         return 0;
     });
 }
-s32 QOSA_SemInitWin(QOSA_SEM_S* rec, s32 shared, u32 value) { return QOSA_SemInit(rec, shared, value); }
 
-s32 QOSA_SemDestroy(QOSA_SEM_S* rec) {
+s32 qosa::sem::destroy(QOSA_SEM_S* rec) {
     return guarded<s32>(-1, need(rec), [=] {
         if (was_named(rec)) return report(SemStatus::invalid);
         // A named record is destroyed through sem_destroy too; the C library
@@ -127,24 +124,39 @@ s32 QOSA_SemDestroy(QOSA_SEM_S* rec) {
     });
 }
 
-s32 QOSA_SemWait(QOSA_SEM_S* rec) {
+s32 qosa::sem::wait(QOSA_SEM_S* rec) {
     return guarded<s32>(-1, need(rec), [=] {
         if (was_named(rec)) return report(SemStatus::invalid);
         return is_named(rec) ? sem_wait(rec->sem.pNamed) : report(qosa::sync::fifo_wait(inner(rec), -1, true));
     });
 }
 
-s32 QOSA_SemPost(QOSA_SEM_S* rec) {
+s32 qosa::sem::post(QOSA_SEM_S* rec) {
     return guarded<s32>(-1, need(rec), [=] {
         if (was_named(rec)) return report(SemStatus::invalid);
         return is_named(rec) ? sem_post(rec->sem.pNamed) : report(qosa::sync::fifo_post(inner(rec)));
     });
 }
-s32 QOSA_SemPostWin(QOSA_SEM_S* rec) { return QOSA_SemPost(rec); }
 
-s32 QOSA_SemWaitTimeOut(QOSA_SEM_S* rec, u32 timeoutMs) {
+s32 qosa::sem::wait_timeout(QOSA_SEM_S* rec, u32 timeoutMs) {
     return guarded<s32>(-1, need(rec), [=] { return wait_for(rec, timeoutMs * kNsPerMs); });
 }
+
+s32 qosa::sem::try_wait(QOSA_SEM_S* rec) {
+    return guarded<s32>(-1, need(rec), [=] { return wait_for(rec, 0); });
+}
+
+extern "C" {
+
+// ---- unnamed (and by tag named) semaphores --------------------------------
+
+s32 QOSA_SemInit(QOSA_SEM_S* rec, s32 /*shared*/, u32 value) { return qosa::sem::init(rec, value); }
+s32 QOSA_SemInitWin(QOSA_SEM_S* rec, s32 /*shared*/, u32 value) { return qosa::sem::init(rec, value); }
+s32 QOSA_SemDestroy(QOSA_SEM_S* rec) { return qosa::sem::destroy(rec); }
+s32 QOSA_SemWait(QOSA_SEM_S* rec) { return qosa::sem::wait(rec); }
+s32 QOSA_SemPost(QOSA_SEM_S* rec) { return qosa::sem::post(rec); }
+s32 QOSA_SemPostWin(QOSA_SEM_S* rec) { return qosa::sem::post(rec); }
+s32 QOSA_SemWaitTimeOut(QOSA_SEM_S* rec, u32 timeoutMs) { return qosa::sem::wait_timeout(rec, timeoutMs); }
 
 s32 QOSA_SemTimedWait(QOSA_SEM_S* rec, const struct timespec* deadline) {
     if (rec == nullptr || deadline == nullptr) return -1;
@@ -161,9 +173,7 @@ s32 QOSA_SemTimedWait(QOSA_SEM_S* rec, const struct timespec* deadline) {
     return wait_for(rec, sec * kNsPerSec + deadline->tv_nsec - nowNs);
 }
 
-s32 QOSA_SemTryWait(QOSA_SEM_S* rec) {
-    return guarded<s32>(-1, need(rec), [=] { return wait_for(rec, 0); });
-}
+s32 QOSA_SemTryWait(QOSA_SEM_S* rec) { return qosa::sem::try_wait(rec); }
 
 // ---- named semaphores -----------------------------------------------------
 
@@ -179,7 +189,7 @@ s32 QOSA_SemClose(QOSA_SEM_S* rec) {
     // storage of an unnamed one is no pointer to close.
     if (rec == nullptr || !(is_named(rec) || was_named(rec)) || rec->sem.pNamed == nullptr) return -1;
     if (sem_close(rec->sem.pNamed) != 0) return -1;
-    QOSA_MemTypeFreeD(rec, QOSA_MEM_DYN, QOSA_HERE);
+    qosa::mem::release(rec, QOSA_MEM_DYN, QOSA_HERE);
     return 0;
 }
 

@@ -14,9 +14,7 @@
 #include <cstring>
 
 #include "internal/common.h"
-#include "qosa_file.h"
 #include "qosa_socket.h"
-#include "qosa_string.h"
 
 // The descriptor-set operations address an fd_set as 32 words of 32 bits.
 static_assert(FD_SETSIZE == 1024 && sizeof(fd_set) == 128, "descriptor set of 1024 bits in 128 bytes");
@@ -241,6 +239,35 @@ u32 local_port_of(const char* line, char* localAddr, char* remoteAddr, char* res
     return localPort;
 }
 
+// The state of the first socket on port in a /proc/net table (0), or -1.
+s32 port_state(const char* path, u16 port, u32* state) {
+    if (qosa::str_len(path) == 0 || state == nullptr) return -1;
+    // Close-on-exec, so a program started by another thread meanwhile does
+    // not inherit the table.
+    FILE* table = std::fopen(path, "re");
+    if (table == nullptr) return -1;
+    char line[kTableLine];
+    char localAddr[kAddrText], remoteAddr[kAddrText], rest[kRestText];
+    s32 ret = -1;
+    for (bool header = true; std::fgets(line, sizeof line, table) != nullptr; header = false) {
+        memset_s(localAddr, sizeof localAddr, 0, sizeof localAddr);
+        memset_s(remoteAddr, sizeof remoteAddr, 0, sizeof remoteAddr);
+        memset_s(rest, sizeof rest, 0, sizeof rest);
+        if (header) continue;
+        u32 lineState = 0;
+        u32 localPort = local_port_of(line, localAddr, remoteAddr, rest, &lineState);
+        // A line that does not parse counts as port 0 and never matches.
+        if (localPort == 0 || localPort != port) continue;
+        std::printf("LocalPort=%d, usPort=%d, state=%d\r\n", static_cast<int>(port), static_cast<int>(port),
+                    static_cast<int>(lineState));
+        *state = lineState;
+        ret = 0;
+        break;
+    }
+    std::fclose(table);
+    return ret;
+}
+
 } // namespace
 
 extern "C" {
@@ -277,33 +304,7 @@ s32 QOSA_IsLocalIp6(s32 family, const void* addr) {
     return found;
 }
 
-s32 qosaGet_Port_State(const char* path, u16 port, u32* state) {
-    if (QOSA_StrLen(path) == 0 || state == nullptr) return -1;
-    // Close-on-exec, so a program started by another thread meanwhile does
-    // not inherit the table.
-    FILE* table = QOSA_Fopen(path, "re");
-    if (table == nullptr) return -1;
-    char line[kTableLine];
-    char localAddr[kAddrText], remoteAddr[kAddrText], rest[kRestText];
-    s32 ret = -1;
-    for (bool header = true; QOSA_Fgets(line, sizeof line, table) != nullptr; header = false) {
-        memset_s(localAddr, sizeof localAddr, 0, sizeof localAddr);
-        memset_s(remoteAddr, sizeof remoteAddr, 0, sizeof remoteAddr);
-        memset_s(rest, sizeof rest, 0, sizeof rest);
-        if (header) continue;
-        u32 lineState = 0;
-        u32 localPort = local_port_of(line, localAddr, remoteAddr, rest, &lineState);
-        // A line that does not parse counts as port 0 and never matches.
-        if (localPort == 0 || localPort != port) continue;
-        std::printf("LocalPort=%d, usPort=%d, state=%d\r\n", static_cast<int>(port), static_cast<int>(port),
-                    static_cast<int>(lineState));
-        *state = lineState;
-        ret = 0;
-        break;
-    }
-    QOSA_Fclose(table);
-    return ret;
-}
+s32 qosaGet_Port_State(const char* path, u16 port, u32* state) { return port_state(path, port, state); }
 
 s32 QOSA_PortStat(u32 port, u32 protocol) {
     const u16 p = static_cast<u16>(port);
@@ -320,7 +321,7 @@ s32 QOSA_PortStat(u32 port, u32 protocol) {
         return -1;
     }
     u32 state = 0;
-    return qosaGet_Port_State(v4, p, &state) == 0 || qosaGet_Port_State(v6, p, &state) == 0 ? 1 : 0;
+    return port_state(v4, p, &state) == 0 || port_state(v6, p, &state) == 0 ? 1 : 0;
 }
 
 s32 QOSA_TestIpType(const char* text) {
@@ -333,9 +334,9 @@ s32 QOSA_TestIpType(const char* text) {
 }
 
 s32 orv_set_socketport_no_inherit(s32 fd) {
-    int flags = QOSA_Fcntl(fd, F_GETFD, 0);
+    int flags = fcntl(fd, F_GETFD, 0);
     if (flags < 0) return -1;
-    return QOSA_Fcntl(fd, F_SETFD, flags | FD_CLOEXEC);
+    return fcntl(fd, F_SETFD, flags | FD_CLOEXEC);
 }
 
 } // extern "C"

@@ -13,7 +13,7 @@ namespace {
 
 template <int (*Convert)(int)>
 char* convert_case(char* s) {
-    u32 len = QOSA_StrLen(s);
+    u32 len = qosa::str_len(s);
     if (len == 0) return s;
     for (u32 i = 0; i < len; ++i)
         s[i] = static_cast<char>(Convert(static_cast<signed char>(s[i])));
@@ -25,7 +25,7 @@ char* convert_case(char* s) {
 
 extern "C" {
 
-u32 QOSA_StrLen(const char* s) { return s ? static_cast<u32>(std::strlen(s)) : 0; }
+u32 QOSA_StrLen(const char* s) { return qosa::str_len(s); }
 int QOSA_StrCmp(const char* a, const char* b) { return std::strcmp(a, b); }
 int QOSA_StrNCmp(const char* a, const char* b, u32 n) { return std::strncmp(a, b, n); }
 int QOSA_StriCmp(const char* a, const char* b) { return strcasecmp(a, b); }
@@ -47,12 +47,12 @@ char* QOSA_StrToLower(char* s) { return convert_case<std::tolower>(s); }
 u32 QOSA_StrToInt32(const char* s, s32* out) {
     if (s == nullptr || out == nullptr) return 1;
     // A range error left over from an earlier call must not fail this one.
-    QOSA_SetLastErr(0);
+    errno = 0;
     char* end = nullptr;
     long v = std::strtol(s, &end, 0);
     *out = static_cast<s32>(static_cast<u32>(static_cast<unsigned long>(v)));
-    if (QOSA_GetLastErr() == ERANGE || end == s) {
-        QOSA_SetLastErr(0);
+    if (errno == ERANGE || end == s) {
+        errno = 0;
         return 1;
     }
     return 0;
@@ -109,6 +109,7 @@ s64 QOSA_Ultostr(char* buffer, u64 size, u32 value, u32 radix) {
 
 #include "qosa_mem.h"
 #include "qosa_text.h"
+#include "internal/mem_switch.h"
 #include "internal/utf8.h"
 
 // Wide units are read as s32 whatever the signedness of wchar_t (signed on
@@ -124,9 +125,9 @@ namespace {
 
 // Blocks are recorded with the line of the call that takes or releases them.
 void* take(std::size_t bytes, u32 line) {
-    return QOSA_MemTypeMallocD(static_cast<u32>(bytes), QOSA_MEM_DYN, line, QOSA_UNIT_NAME);
+    return qosa::mem::alloc(static_cast<u32>(bytes), QOSA_MEM_DYN, line, QOSA_UNIT_NAME);
 }
-void give_back(void* p, u32 line) { QOSA_MemTypeFreeD(p, QOSA_MEM_DYN, line, QOSA_UNIT_NAME); }
+void give_back(void* p, u32 line) { qosa::mem::release(p, QOSA_MEM_DYN, line, QOSA_UNIT_NAME); }
 
 // Block sizes are 32-bit byte counts: refuse a text whose block would not fit.
 constexpr std::size_t kMaxBlock = 0xFFFFFFFFu;
@@ -245,15 +246,8 @@ wchar_t* locale_to_wide(const char* text) {
     return out;
 }
 
-} // namespace
-
-} // namespace qosa::text
-
-using namespace qosa::text;
-
-extern "C" {
-
-wchar_t* ORV_Utf8ToUnicodeW(const char* utf8) {
+// The strict decode into one block (see ORV_Utf8ToUnicodeW).
+wchar_t* utf8_to_wide(const char* utf8) {
     if (utf8 == nullptr) return nullptr;
     std::size_t n = std::strlen(utf8);
     // At most one unit per byte: one block, filled in a single pass.
@@ -274,8 +268,38 @@ wchar_t* ORV_Utf8ToUnicodeW(const char* utf8) {
     return out;
 }
 
+// The encode into a block of six bytes a unit (see ORV_UnicodeToUtf8).
+char* wide_to_utf8(const wchar_t* unicode) {
+    if (unicode == nullptr) return nullptr;
+    std::size_t n = std::wcslen(unicode);
+    if (n > (kMaxBlock - 1) / 6) return nullptr;
+    std::size_t size = 6 * n + 1;
+    auto* out = static_cast<u8*>(take(size, __LINE__));
+    if (out == nullptr) return nullptr;
+    u8* p = qosa::utf8::encode<qosa::utf8::Units::Signed>(unicode, n, out, out + size - 1);
+    // The block keeps room for six bytes a unit: zeros from the terminator to
+    // its end, written only where the text did not reach.
+    std::size_t tail = size - static_cast<std::size_t>(p - out);
+    for (std::size_t at = 0; at < tail; at += qosa::bounded::kMaxDest) { // a bounded clear takes under 2 GiB at once
+        std::size_t n = std::min(tail - at, qosa::bounded::kMaxDest);
+        memset_s(p + at, n, 0, n);
+    }
+    return reinterpret_cast<char*>(out);
+}
+
+} // namespace
+
+} // namespace qosa::text
+
+using namespace qosa::text;
+
+extern "C" {
+
+wchar_t* ORV_Utf8ToUnicodeW(const char* utf8) { return utf8_to_wide(utf8); }
+char* ORV_UnicodeToUtf8(const wchar_t* unicode) { return wide_to_utf8(unicode); }
+
 char* ORV_Utf8ToUnicodeA(const char* utf8) {
-    wchar_t* wide = ORV_Utf8ToUnicodeW(utf8);
+    wchar_t* wide = utf8_to_wide(utf8);
     if (wide == nullptr) return nullptr;
     std::size_t units = std::wcslen(wide);
     std::size_t size = (units + 1) * sizeof(wchar_t);
@@ -301,24 +325,6 @@ char* ORV_Utf8ToUnicodeA(const char* utf8) {
     return out;
 }
 
-char* ORV_UnicodeToUtf8(const wchar_t* unicode) {
-    if (unicode == nullptr) return nullptr;
-    std::size_t n = std::wcslen(unicode);
-    if (n > (kMaxBlock - 1) / 6) return nullptr;
-    std::size_t size = 6 * n + 1;
-    auto* out = static_cast<u8*>(take(size, __LINE__));
-    if (out == nullptr) return nullptr;
-    u8* p = qosa::utf8::encode<qosa::utf8::Units::Signed>(unicode, n, out, out + size - 1);
-    // The block keeps room for six bytes a unit: zeros from the terminator to
-    // its end, written only where the text did not reach.
-    std::size_t tail = size - static_cast<std::size_t>(p - out);
-    for (std::size_t at = 0; at < tail; at += qosa::bounded::kMaxDest) { // a bounded clear takes under 2 GiB at once
-        std::size_t n = std::min(tail - at, qosa::bounded::kMaxDest);
-        memset_s(p + at, n, 0, n);
-    }
-    return reinterpret_cast<char*>(out);
-}
-
 char* ORV_UnicodeToLocale(const wchar_t* unicode) {
     return guarded<char*>(nullptr, need(unicode), [=] { return wide_to_locale(unicode); });
 }
@@ -328,15 +334,15 @@ wchar_t* ORV_LocaleToUnicodeW(const char* text) {
 }
 
 char* ORV_LocaleToUtf8(const char* text) {
-    wchar_t* wide = ORV_LocaleToUnicodeW(text);
-    char* utf8 = ORV_UnicodeToUtf8(wide);
+    wchar_t* wide = text != nullptr ? locale_to_wide(text) : nullptr;
+    char* utf8 = wide_to_utf8(wide);
     give_back(wide, __LINE__);
     return utf8;
 }
 
 char* ORV_Utf8ToLocale(const char* utf8) {
-    wchar_t* wide = ORV_Utf8ToUnicodeW(utf8);
-    char* text = ORV_UnicodeToLocale(wide);
+    wchar_t* wide = utf8_to_wide(utf8);
+    char* text = wide != nullptr ? wide_to_locale(wide) : nullptr;
     give_back(wide, __LINE__);
     return text;
 }

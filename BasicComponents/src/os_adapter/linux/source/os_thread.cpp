@@ -54,6 +54,28 @@ unsigned long bit_of(s32 sig) { return 1UL << ((sig - 1) % kWordBits); }
 
 } // namespace
 
+// The calls that more than one entry point makes.
+namespace {
+
+s32 create_thread(pthread_t* thread, const pthread_attr_t* attr, QOSA_ThreadProc start, void* arg) {
+    // A thread without a start routine would fault as soon as it ran.
+    return guarded<s32>(-1, need(thread), [=] { return start ? pthread_create(thread, attr, start, arg) : EINVAL; });
+}
+s32 get_priority(s32 which, s32 who) {
+    return getpriority(static_cast<__priority_which_t>(which), static_cast<id_t>(who));
+}
+s32 set_priority(s32 which, s32 who, s32 prio) {
+    return setpriority(static_cast<__priority_which_t>(which), static_cast<id_t>(who), prio);
+}
+void* map(void* addr, u32 len, s32 prot, s32 flags, s32 fd, s32 offset) {
+    return mmap(addr, size_t{len}, prot, flags, fd, off_t{offset});
+}
+s32 unmap(void* addr, u32 len) {
+    return guarded<s32>(-1, need(addr), [=] { return munmap(addr, size_t{len}); });
+}
+
+} // namespace
+
 extern "C" {
 
 // ---- condition variables --------------------------------------------------
@@ -72,7 +94,7 @@ s32 QOSA_PthreadCondInit(pthread_cond_t* cond, const pthread_condattr_t* attr) {
     if (cond == nullptr) return -1;
     // GCOVR_EXCL_START: glibc's pthread_cond_init does not fail
     if (pthread_cond_init(cond, attr) == 0) return 0;
-    QOSA_SetLastErr(0);
+    errno = 0;
     return -1;
     // GCOVR_EXCL_STOP
 }
@@ -107,11 +129,10 @@ s32 QOSA_PthreadCondTimedWait_Clock(pthread_cond_t* cond, pthread_mutex_t* mutex
 // ---- threads -----------------------------------------------------------------
 
 s32 QOSA_PthreadCreate(pthread_t* thread, const pthread_attr_t* attr, QOSA_ThreadProc start, void* arg) {
-    // A thread without a start routine would fault as soon as it ran.
-    return guarded<s32>(-1, need(thread), [=] { return start ? pthread_create(thread, attr, start, arg) : EINVAL; });
+    return create_thread(thread, attr, start, arg);
 }
 s32 QOSA_PthreadCreateID(pthread_t* thread, u32 /*id*/, const pthread_attr_t* attr, QOSA_ThreadProc start, void* arg) {
-    return QOSA_PthreadCreate(thread, attr, start, arg);
+    return create_thread(thread, attr, start, arg);
 }
 
 s32 QOSA_PthreadJoin(pthread_t thread, void** retval) { return pthread_join(thread, retval); }
@@ -196,14 +217,10 @@ s32 QOSA_PthreadAttrSetStackAddr(pthread_attr_t* attr, void* addr) {
 s32 QOSA_SchedGetPriorityMax(s32 policy) { return sched_get_priority_max(policy); }
 s32 QOSA_SchedGetPriorityMin(s32 policy) { return sched_get_priority_min(policy); }
 
-s32 QOSA_GetPriority(s32 which, s32 who) {
-    return getpriority(static_cast<__priority_which_t>(which), static_cast<id_t>(who));
-}
-s32 ORV_GetPriority(s32 which, s32 who) { return QOSA_GetPriority(which, who); }
-s32 QOSA_SetPriority(s32 which, s32 who, s32 prio) {
-    return setpriority(static_cast<__priority_which_t>(which), static_cast<id_t>(who), prio);
-}
-s32 ORV_SetPriority(s32 which, s32 who, s32 prio) { return QOSA_SetPriority(which, who, prio); }
+s32 QOSA_GetPriority(s32 which, s32 who) { return get_priority(which, who); }
+s32 ORV_GetPriority(s32 which, s32 who) { return get_priority(which, who); }
+s32 QOSA_SetPriority(s32 which, s32 who, s32 prio) { return set_priority(which, who, prio); }
+s32 ORV_SetPriority(s32 which, s32 who, s32 prio) { return set_priority(which, who, prio); }
 
 // ---- sleeps -----------------------------------------------------------------
 
@@ -218,15 +235,13 @@ key_t QOSA_Ftok(const char* path, s32 id) {
 }
 
 void* QOSA_MMap(void* addr, u32 len, s32 prot, s32 flags, s32 fd, s32 offset) {
-    return mmap(addr, size_t{len}, prot, flags, fd, off_t{offset});
+    return map(addr, len, prot, flags, fd, offset);
 }
 void* QOSA_MMapWin(void* addr, u32 len, s32 prot, s32 flags, s32 fd, s32 offset) {
-    return QOSA_MMap(addr, len, prot, flags, fd, offset);
+    return map(addr, len, prot, flags, fd, offset);
 }
-s32 QOSA_MUnMap(void* addr, u32 len) {
-    return guarded<s32>(-1, need(addr), [=] { return munmap(addr, size_t{len}); });
-}
-s32 QOSA_MUnMapWin(void* addr, u32 len) { return QOSA_MUnMap(addr, len); }
+s32 QOSA_MUnMap(void* addr, u32 len) { return unmap(addr, len); }
+s32 QOSA_MUnMapWin(void* addr, u32 len) { return unmap(addr, len); }
 
 s32 QOSA_ShmGet(key_t, u32, s32) { return -1; }
 void* QOSA_ShmAt(s32, const void*, s32) { return nullptr; }
@@ -234,12 +249,12 @@ s32 QOSA_ShmDt(const void*) { return -1; }
 s32 QOSA_ShmCtl(s32, s32, struct shmid_ds*) { return -1; }
 
 s32 QOSA_ShmOpen(const char*, s32, mode_t) {
-    QOSA_SetLastErr(ENOSYS);
+    errno = ENOSYS;
     return -1;
 }
 
 s32 QOSA_ShmUnLink(const char* name) {
-    if (name != nullptr) QOSA_SetLastErr(ENOSYS);
+    if (name != nullptr) errno = ENOSYS;
     return -1;
 }
 

@@ -7,7 +7,9 @@
 
 #include <cstddef>
 
+#include "internal/clock.h"
 #include "internal/common.h"
+#include "internal/time.h"
 #include "qosa_time.h"
 
 // QOSA_SysTime is copied into a struct tm as a whole.
@@ -82,7 +84,43 @@ bool has_wildcard(const QOSA_SysTime& t) {
 
 bool boot_clock(timespec* ts) { return clock_gettime(CLOCK_BOOTTIME, ts) == 0; }
 
+// The last day of a month (1..12) of a year; -1 stands for any.
+u32 max_day(s32 year, u32 month) {
+    if (month > 11) return 31; // December, and month -1 (any month) seen unsigned
+    switch (month) {
+    case 4:
+    case 6:
+    case 9:
+    case 11:
+        return 30;
+    case 2:
+        return year == kAny || leap(year) ? 29 : 28;
+    default:
+        return 31;
+    }
+}
+
 } // namespace
+
+u32 qosa::time::run_ms() {
+    timespec ts;
+    return boot_clock(&ts) ? run_ms(ts) : 0; // GCOVR_EXCL_BR_LINE
+}
+
+u32 qosa::time::local_time(struct tm* out, const time_t* t) {
+    return guarded(QOSA_ERROR, need(out, t), [=] { return localtime_r(t, out) ? 0u : QOSA_ERROR; });
+}
+
+u32 qosa::time::sys_time_valid(const QOSA_SysTime* t) {
+    if (t == nullptr) return 0;
+    if (t->tm_year < 1970 && t->tm_year != kAny) return 0;
+    if (!in_range_or_any(t->tm_mday, 1, 31)) return 0;
+    if (!in_range_or_any(t->tm_mon, 1, 12)) return 0;
+    if (!in_range_or_any(t->tm_hour, 0, 23) || !in_range_or_any(t->tm_min, 0, 59) || !in_range_or_any(t->tm_sec, 0, 59))
+        return 0;
+    if (t->tm_mday != kAny && static_cast<u32>(t->tm_mday) > max_day(t->tm_year, static_cast<u32>(t->tm_mon))) return 0;
+    return 1;
+}
 
 extern "C" {
 
@@ -99,9 +137,7 @@ char* QOSA_CTime(const time_t* t) {
     return guarded<char*>(nullptr, need(t), [=] { return ctime(t); });
 }
 
-u32 QOSA_LocalTime_S(struct tm* out, const time_t* t) {
-    return guarded(QOSA_ERROR, need(out, t), [=] { return localtime_r(t, out) ? 0u : QOSA_ERROR; });
-}
+u32 QOSA_LocalTime_S(struct tm* out, const time_t* t) { return qosa::time::local_time(out, t); }
 u32 QOSA_GmTime_S(struct tm* out, const time_t* t) {
     return guarded(QOSA_ERROR, need(out, t), [=] { return gmtime_r(t, out) ? 0u : QOSA_ERROR; });
 }
@@ -148,16 +184,9 @@ u64 QOSA_GetSystemTime(void) {
     return qosa::time::wall_ms(tv);
 }
 
-u32 QOSA_GetSysTimeSec(void) {
-    timeval tv{};
-    gettimeofday(&tv, nullptr);
-    return static_cast<u32>(tv.tv_sec);
-}
+u32 QOSA_GetSysTimeSec(void) { return qosa::clock::wall_sec(); }
 
-u32 QOSA_GetSysRunTime(void) {
-    timespec ts;
-    return boot_clock(&ts) ? qosa::time::run_ms(ts) : 0; // GCOVR_EXCL_BR_LINE
-}
+u32 QOSA_GetSysRunTime(void) { return qosa::time::run_ms(); }
 
 u32 QOSA_GetSysRunTimeSec(void) {
     timespec ts;
@@ -182,7 +211,7 @@ s32 QOSA_SetTimezone(s32 minutesWest) {
 
 u32 QOSA_SetSysTime(const QOSA_SysTime* t) {
     // A wildcard is fine in a pattern but names no instant to set the clock to.
-    if (ZAL_IsSysTimeValid(t) == 0 || has_wildcard(*t)) return QOSA_ERROR;
+    if (qosa::time::sys_time_valid(t) == 0 || has_wildcard(*t)) return QOSA_ERROR;
     struct tm local;
     qosa::time::to_platform_tm(*t, local);
     time_t sec = mktime(&local);
@@ -191,31 +220,8 @@ u32 QOSA_SetSysTime(const QOSA_SysTime* t) {
     return settimeofday(&tv, nullptr) == 0 ? 0u : QOSA_ERROR;
 }
 
-u32 ZAL_IsSysTimeValid(const QOSA_SysTime* t) {
-    if (t == nullptr) return 0;
-    if (t->tm_year < 1970 && t->tm_year != kAny) return 0;
-    if (!in_range_or_any(t->tm_mday, 1, 31)) return 0;
-    if (!in_range_or_any(t->tm_mon, 1, 12)) return 0;
-    if (!in_range_or_any(t->tm_hour, 0, 23) || !in_range_or_any(t->tm_min, 0, 59) || !in_range_or_any(t->tm_sec, 0, 59))
-        return 0;
-    if (t->tm_mday != kAny && static_cast<u32>(t->tm_mday) > Max_date(t->tm_year, static_cast<u32>(t->tm_mon)))
-        return 0;
-    return 1;
-}
+u32 ZAL_IsSysTimeValid(const QOSA_SysTime* t) { return qosa::time::sys_time_valid(t); }
 
-u32 Max_date(s32 year, u32 month) {
-    if (month > 11) return 31; // December, and month -1 (any month) seen unsigned
-    switch (month) {
-    case 4:
-    case 6:
-    case 9:
-    case 11:
-        return 30;
-    case 2:
-        return year == kAny || leap(year) ? 29 : 28;
-    default:
-        return 31;
-    }
-}
+u32 Max_date(s32 year, u32 month) { return max_day(year, month); }
 
 } // extern "C"

@@ -43,6 +43,13 @@ inline timespec after(std::int64_t ns, clockid_t clk = CLOCK_MONOTONIC, bool* fo
     return after(now, ns, forever);
 }
 
+// Wall-clock seconds since 1970, the low 32 bits.
+inline std::uint32_t wall_sec() {
+    timespec t{};
+    clock_gettime(CLOCK_REALTIME, &t);
+    return static_cast<std::uint32_t>(t.tv_sec);
+}
+
 // Sleeps ns on the monotonic clock, going on after a signal handler ran.
 inline void sleep_ns(std::int64_t ns) {
     timespec at = after(ns);

@@ -4,7 +4,7 @@
 //   int QOSA_RmDir(const char* path) { return guarded(-1, need(as_path(path)), [=] { return rmdir(path); }); }
 //
 // need() lists the arguments that must be present: a pointer is missing when
-// it is null, a path (as_path) when QOSA_StrLen of it is 0. When one is
+// it is null, a path (as_path) when it is missing or empty. When one is
 // missing the refusal is returned and the call is not made (errno is left
 // alone); otherwise the call's result is returned, converted to the result
 // type (32-bit results keep the low bits): guarded<s32>(-1, ...) for a 32-bit
@@ -12,7 +12,7 @@
 // guarded(nothing, ...) for a function without a result.
 #pragma once
 
-#include "qosa_string.h"
+#include "str.h"
 
 namespace qosa::detail {
 
@@ -21,7 +21,7 @@ struct PathArg {
 };
 constexpr PathArg as_path(const char* p) { return PathArg{p}; }
 
-inline bool missing(PathArg a) { return QOSA_StrLen(a.p) == 0; }
+inline bool missing(PathArg a) { return str_len(a.p) == 0; }
 template <typename T>
 constexpr bool missing(T* p) {
     return p == nullptr;

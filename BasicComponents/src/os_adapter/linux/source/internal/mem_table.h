@@ -81,4 +81,32 @@ u32 guard_check(QOSA_MEM_REC_S* r, const void* p);
 // An error record with the file name shortened.
 void log_error(const void* addr, u32 size, const char* file, u32 line, u32 type, u32 err);
 
+// What the tracker's exported entry points do, called by the library's own
+// code. The table (os_mem_record):
+void* align_alloc(u32 alignment, u32 size);                                           // sysMemAlignAlloc
+int protect(void* page);                                                              // sysMemProtect
+int unprotect(void* page);                                                            // sysMemUnProtect
+int log_mem_err(void* addr, u32 size, const char* file, u32 line, u32 type, u32 err); // sysMemLogMemErr
+u32 err_log(void** out);                                                              // sysMemGetErrMemLog
+void* add_block(u32 size, u32 align, const char* file, u32 line, u32 type);           // sysMemAddUserMem
+u32 delete_block(void* p);                                                            // sysMemDeleteUserMem
+u32 copy_block(void* dst, void* src);                                                 // sysMemCopyUserMem
+// The front end (os_mem):
+int init_manage();                                               // MemInitManage
+void* alloc_mem(const char* file, u32 line, u32 size, u32 type); // MemAllocMem
+u32 free_mem(const char* file, u32 line, void* p, u32 type);     // MemFreeMem
+// The reports (os_mem_report):
+u32 string_cat(char* buf, u32 bufSize, const char* fmt, ...)
+    __attribute__((format(printf, 3, 4)));                                               // sysMemLogStringCat
+u32 print_info(int withHeader, char* buf, u32 bufSize, QOSA_MEM_REC_S* recs, u32 count); // sysMemPrintMemInfo
+char* find_nocase(char* text, const char* pattern);                                      // sysMemStrcasestr
+u32 sort_info(QOSA_MEM_REC_S** out, char* filter, int sortMode);                         // sysMemSortMemInfo
+u32 scan_damaged(QOSA_MEM_REC_S** out);                                                  // sysMemScanErrMemInfo
+int self_check();                                                                        // MemSelfCheck
+void dump_records(char* path);                                                           // MemRecordMemRecFun
+u32 report_stats(QOSA_MemPrintProc print);                                               // MemGetMemStats
+u32 report_records(u32 mode, u32 sortMode, char* filter, QOSA_MemPrintProc print);       // MemGetMemRec
+u32 report_scan(QOSA_MemPrintProc print);                                                // MemGetMemScan
+u32 report_use(QOSA_MemPrintProc print);                                                 // MemGetMemoryUseMonitor
+
 } // namespace qosa::mem

@@ -3,15 +3,15 @@
 // holds on Linux; its failure branches are left out of the coverage figures.
 #pragma once
 
-#include "qosa_lock.h"
+#include "lock.h"
 
 namespace qosa::detail {
 
 class MutexGuard {
   public:
-    explicit MutexGuard(QosaMutex* m) : m_(m), locked_(QOSA_MutexLock(m) == 0) {}
+    explicit MutexGuard(QosaMutex* m) : m_(m), locked_(lock::lock(m) == 0) {}
     ~MutexGuard() {
-        if (locked_) QOSA_MutexUnLock(m_); // GCOVR_EXCL_BR_LINE
+        if (locked_) lock::unlock(m_); // GCOVR_EXCL_BR_LINE
     }
     MutexGuard(const MutexGuard&) = delete;
     MutexGuard& operator=(const MutexGuard&) = delete;
