@@ -54,6 +54,8 @@
 #include "internal/ilist.h"
 #include "internal/mem_switch.h"
 #include "internal/queue_debug.h"
+#include "internal/str.h"
+#include "internal/tracked.h"
 #include "qosa_lock.h"
 #include "qosa_mem.h"
 #include "qosa_queue.h"
@@ -141,15 +143,13 @@ u32 msg_num(QueueRec* q) { return std::atomic_ref<u32>(q->ulMsgNum).load(std::me
 void set_msg_num(QueueRec* q, u32 n) { std::atomic_ref<u32>(q->ulMsgNum).store(n, std::memory_order_relaxed); }
 
 // Tracked blocks of this unit; QOSA_HERE at the call records the caller's line.
-void* take(std::size_t size, u32 line, const char* file) {
-    return size > UINT32_MAX ? nullptr : QOSA_MemTypeMallocD(static_cast<u32>(size), QOSA_MEM_DYN, line, file);
-}
-void give_back(void* p, u32 line, const char* file) { QOSA_MemTypeFreeD(p, QOSA_MEM_DYN, line, file); }
+using qosa::tracked::alloc;
+using qosa::tracked::release;
 
 // ---- the index ---------------------------------------------------------------
 
 Bucket* make_buckets(u32 n) {
-    auto* b = static_cast<Bucket*>(take(sizeof(Bucket) * n, QOSA_HERE));
+    auto* b = static_cast<Bucket*>(alloc(sizeof(Bucket) * n, QOSA_HERE));
     if (b != nullptr)
         for (u32 i = 0; i < n; ++i)
             new (&b[i]) Bucket();
@@ -177,7 +177,7 @@ void add_listed(QueueList* list, QueueRec* q) {
                     grown[r->ulQueId & (n - 1)].push_back(r);
             list->pstBuckets = grown;
             list->ulMask = n - 1;
-            give_back(old, QOSA_HERE);
+            release(old, QOSA_HERE);
         }
     }
     bucket(list, q->ulQueId).push_front(q);
@@ -227,11 +227,11 @@ bool inline_nodes(const QueueRec* q) { return !qosa::mem::tracking() && q->ulMax
 // A node with a copy of the message in a block of its own, made before the
 // queue is locked. NULL when an allocation failed.
 MsgNode* make_node(const void* msg, u32 len) {
-    auto* node = static_cast<MsgNode*>(take(sizeof(MsgNode), QOSA_HERE));
+    auto* node = static_cast<MsgNode*>(alloc(sizeof(MsgNode), QOSA_HERE));
     if (node == nullptr) return nullptr;
-    void* copy = take(len, QOSA_HERE);
+    void* copy = alloc(len, QOSA_HERE);
     if (copy == nullptr) {
-        give_back(node, QOSA_HERE);
+        release(node, QOSA_HERE);
         return nullptr;
     }
     if (memcpy_s(copy, len, msg, len) != 0) std::puts("memcpy_s is fail");
@@ -239,8 +239,8 @@ MsgNode* make_node(const void* msg, u32 len) {
 }
 
 void free_node(MsgNode* node) {
-    if (!is_inline(node)) give_back(node->pData, QOSA_HERE);
-    give_back(node, QOSA_HERE);
+    if (!is_inline(node)) release(node->pData, QOSA_HERE);
+    release(node, QOSA_HERE);
 }
 
 // A spare inline node, or NULL. The slots need no lock: a node is put into an
@@ -276,7 +276,7 @@ void fill(QueueRec* q, MsgNode* node, const void* msg, u32 len) {
 // A new inline node holding a copy of the message; NULL when the allocation
 // failed.
 MsgNode* new_inline_node(QueueRec* q, const void* msg, u32 len) {
-    void* mem = take(sizeof(MsgNode) + q->ulMaxMsgLen, QOSA_HERE);
+    void* mem = alloc(sizeof(MsgNode) + q->ulMaxMsgLen, QOSA_HERE);
     if (mem == nullptr) return nullptr;
     auto* node = new (mem) MsgNode{{}, 0, nullptr};
     node->pData = node + 1;
@@ -312,7 +312,7 @@ void teardown(QueueRec* q) {
         free_node(node);
     for (u32 i = 0; i < q->ulSlots; ++i)
         if (MsgNode* node = q->apstSpare[i].exchange(nullptr, std::memory_order_acquire)) free_node(node);
-    give_back(q, QOSA_HERE);
+    release(q, QOSA_HERE);
 }
 
 } // namespace
@@ -359,23 +359,23 @@ u32 ORV_QueueCreate(const char* name, u32 maxMsgNum, u32* queId, u32 mode, u32 m
     if (!hold.locked()) return ORV_QUEUE_ERR_CREATE_SYNC;
     QueueList* list = g_pstQueList.load(std::memory_order_relaxed);
     if (list == nullptr) {
-        void* head = take(sizeof(QueueList), QOSA_HERE);
+        void* head = alloc(sizeof(QueueList), QOSA_HERE);
         if (head == nullptr) return ORV_QUEUE_ERR_NO_MEMORY;
         Bucket* buckets = make_buckets(kFirstBuckets);
         if (buckets == nullptr) {
-            give_back(head, QOSA_HERE);
+            release(head, QOSA_HERE);
             return ORV_QUEUE_ERR_NO_MEMORY;
         }
         list = new (head) QueueList{0, kFirstBuckets - 1, buckets};
         g_pstQueList.store(list, std::memory_order_release);
     }
 
-    void* mem = take(sizeof(QueueRec), QOSA_HERE);
+    void* mem = alloc(sizeof(QueueRec), QOSA_HERE);
     if (mem == nullptr) return ORV_QUEUE_ERR_NO_MEMORY;
     auto* q = new (mem) QueueRec{}; // zero-filled
     q->ulMaxMsgLen = maxMsgLen;
     q->ulMaxMsgNum = maxMsgNum;
-    u32 nameLen = QOSA_StrLen(name);
+    u32 nameLen = qosa::str_len(name);
     if (nameLen > ORV_QUEUE_NAME_MAX) nameLen = ORV_QUEUE_NAME_MAX; // the field stays terminated
     if (nameLen > 0 && memcpy_s(q->szName, sizeof(q->szName), name, nameLen) != 0) std::puts("memcpy_s is fail");
     q->ulMode = mode;
@@ -418,8 +418,8 @@ u32 ORV_QueueDelete(u32 queId) {
     }
     if (list->ulCount == 0) { // the last queue is gone: so is the list
         g_pstQueList.store(nullptr, std::memory_order_release);
-        give_back(list->pstBuckets, QOSA_HERE);
-        give_back(list, QOSA_HERE);
+        release(list->pstBuckets, QOSA_HERE);
+        release(list, QOSA_HERE);
         return 0;
     }
     return r;

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "internal/mem_switch.h"
 #include "qosa_mem.h"
 
 namespace qosa::tracked {
@@ -15,10 +16,10 @@ namespace qosa::tracked {
 // size bytes recorded at line/file, or NULL (a size beyond 32 bits too).
 inline void* alloc(std::size_t size, u32 line, const char* file) {
     if (size > UINT32_MAX) return nullptr;
-    return QOSA_MemTypeMallocD(static_cast<u32>(size), QOSA_MEM_DYN, line, file);
+    return qosa::mem::alloc(static_cast<u32>(size), QOSA_MEM_DYN, line, file);
 }
 
-inline void release(void* p, u32 line, const char* file) { QOSA_MemTypeFreeD(p, QOSA_MEM_DYN, line, file); }
+inline void release(void* p, u32 line, const char* file) { qosa::mem::release(p, QOSA_MEM_DYN, line, file); }
 
 } // namespace qosa::tracked
 
