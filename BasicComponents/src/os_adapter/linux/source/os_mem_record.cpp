@@ -203,7 +203,7 @@ int qosa::mem::log_mem_err(void* addr, u32 size, const char* file, u32 line, u32
     MemMonitor& t = g_MemMonitorRecord;
     MutexGuard lock(&t.hErrMutex);
     u32 n = t.ulErrCnt;
-    if (n >= kMaxErrRec) return 1;
+    if (!lock.locked() || n >= kMaxErrRec) return 1; // GCOVR_EXCL_BR_LINE: see MutexGuard
     QOSA_MEM_REC_S& r = t.astErrRec[n];
     r = QOSA_MEM_REC_S{};
     r.pAddr = addr;
@@ -220,6 +220,7 @@ u32 qosa::mem::err_log(void** out) {
     MemMonitor& t = g_MemMonitorRecord;
     if (out == nullptr || load(t.ulErrCnt) == 0) return 0;
     MutexGuard lock(&t.hErrMutex);
+    if (!lock.locked()) return 0; // GCOVR_EXCL_BR_LINE: see MutexGuard
     u32 n = t.ulErrCnt;
     std::size_t bytes = std::size_t{n} * sizeof(QOSA_MEM_REC_S);
     void* copy = std::malloc(bytes);
@@ -255,7 +256,7 @@ void* qosa::mem::add_block(u32 size, u32 align, const char* file, u32 line, u32 
     {
         MutexGuard lock(&t.hMutex);
         u32 cur = t.ulCurCnt;
-        if (cur < kMaxRec) {
+        if (lock.locked() && cur < kMaxRec) { // GCOVR_EXCL_BR_LINE: see MutexGuard
             u32 slot = cur;
             if (cur < t.ulMaxCnt) {
                 slot = t.aulPosTab[cur];
@@ -296,7 +297,7 @@ u32 qosa::mem::delete_block(void* p) {
     char* guardPage = nullptr;
     {
         MutexGuard lock(&t.hMutex);
-        QOSA_MEM_REC_S* r = live_record(p);
+        QOSA_MEM_REC_S* r = lock.locked() ? live_record(p) : nullptr; // GCOVR_EXCL_BR_LINE: see MutexGuard
         if (r == nullptr) return QOSA_MEM_NOT_FOUND;
         u32 result = guard_check(r, p);
         remove_position(r);
@@ -320,6 +321,7 @@ u32 qosa::mem::delete_block(void* p) {
 u32 qosa::mem::copy_block(void* dst, void* src) {
     MemMonitor& t = g_MemMonitorRecord;
     MutexGuard lock(&t.hMutex);
+    if (!lock.locked()) return 1; // GCOVR_EXCL_BR_LINE: see MutexGuard
     QOSA_MEM_REC_S* to = live_record(dst);
     if (to != nullptr) guard_check(to, dst);
     if (slot_word(src) >= kMaxRec) return 1;
