@@ -25,6 +25,7 @@
 #include "qosa_mem.h"
 #include "qosa_string.h"
 #include "qosa_text.h"
+#include "internal/tracked.h"
 #include "internal/utf8.h"
 
 // =============================================================================
@@ -280,10 +281,10 @@ namespace {
 class TrackedBlock {
   public:
     TrackedBlock(u32 size, u32 line)
-        : size_(size), line_(line), p_(static_cast<char*>(qosa::mem::alloc(size, QOSA_MEM_DYN, line, QOSA_UNIT_NAME))) {
+        : size_(size), line_(line), p_(static_cast<char*>(qosa::tracked::alloc(size, line, QOSA_UNIT_NAME))) {
     }
     ~TrackedBlock() {
-        if (p_ != nullptr) qosa::mem::release(p_, QOSA_MEM_DYN, line_, QOSA_UNIT_NAME);
+        if (p_ != nullptr) qosa::tracked::release(p_, line_, QOSA_UNIT_NAME);
     }
     TrackedBlock(const TrackedBlock&) = delete;
     TrackedBlock& operator=(const TrackedBlock&) = delete;
@@ -525,7 +526,7 @@ u32* utf8Str_to_unicodeStr(const char* utf8) {
     u32 count = count_units(s, n);
     if (count == 0 || count >= 0x3FFFFFFFu) return nullptr;
     u32 size = (count + 1) * static_cast<u32>(sizeof(u32));
-    auto* out = static_cast<u32*>(qosa::mem::alloc(size, QOSA_MEM_DYN, QOSA_HERE));
+    auto* out = static_cast<u32*>(QOSA_ALLOC(size));
     if (out == nullptr) return nullptr;
     auto k = static_cast<u32>(decode<Rule::Loose>(s, n, out, count));
     // The terminator and every unit after it are 0 (the terminator written
@@ -542,7 +543,7 @@ char* unicodeStr_to_utf8Str(const u32* unicode) {
     u64 total = utf8_bytes(unicode, n);
     if (total >= 0xFFFFFFFFu) return nullptr;
     u32 size = static_cast<u32>(total) + 1;
-    auto* out = static_cast<u8*>(qosa::mem::alloc(size, QOSA_MEM_DYN, QOSA_HERE));
+    auto* out = static_cast<u8*>(QOSA_ALLOC(size));
     if (out == nullptr) return nullptr;
     // Lengths were measured above; the encoder stops rather than overrun
     // should the units have changed since.

@@ -122,6 +122,17 @@ namespace {
 int by_addr(const void* a, const void* b) { return record_of(a).pAddr < record_of(b).pAddr ? -1 : 1; }
 int by_size(const void* a, const void* b) { return record_of(a).ulSize < record_of(b).ulSize ? -1 : 1; }
 
+// Hands the n records in recs (malloc'ed) to *out and gives n; none are
+// released and give 0.
+u32 deliver(QOSA_MEM_REC_S* recs, u32 n, QOSA_MEM_REC_S** out) {
+    if (n == 0) {
+        std::free(recs);
+        return 0;
+    }
+    *out = recs;
+    return n;
+}
+
 } // namespace
 
 extern "C" {
@@ -153,12 +164,7 @@ u32 qosa::mem::sort_info(QOSA_MEM_REC_S** out, char* filter, int sortMode) {
             recs[kept++] = r;
     }
     std::free(slots);
-    if (kept == 0) {
-        std::free(recs);
-        return 0;
-    }
-    *out = recs;
-    return kept;
+    return deliver(recs, kept, out);
 }
 
 u32 qosa::mem::scan_damaged(QOSA_MEM_REC_S** out) {
@@ -177,12 +183,7 @@ u32 qosa::mem::scan_damaged(QOSA_MEM_REC_S** out) {
             if (status == QOSA_MEM_DOWN_OVERFLOW || status == QOSA_MEM_UP_OVERFLOW) recs[n++] = *r;
         }
     }
-    if (n == 0) {
-        std::free(recs);
-        return 0;
-    }
-    *out = recs;
-    return n;
+    return deliver(recs, n, out);
 }
 
 int qosa::mem::self_check(void) {

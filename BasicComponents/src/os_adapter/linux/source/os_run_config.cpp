@@ -18,6 +18,7 @@
 #include "internal/error.h"
 #include "internal/mem_switch.h"
 #include "internal/proc_parse.h"
+#include "internal/tracked.h"
 #include "qosa_mem.h"
 #include "qosa_stat.h"
 
@@ -221,12 +222,12 @@ class Owned {
         return p;
     }
     void reset(T* p) {
-        qosa::mem::release(p_, QOSA_MEM_DYN, line_, QOSA_UNIT_NAME);
+        qosa::tracked::release(p_, line_, QOSA_UNIT_NAME);
         p_ = p;
     }
     // A block of n records (none for n = 0) recorded at line.
     static T* allocate(u32 n, u32 line) {
-        return static_cast<T*>(qosa::mem::alloc(n * static_cast<u32>(sizeof(T)), QOSA_MEM_DYN, line, QOSA_UNIT_NAME));
+        return static_cast<T*>(qosa::tracked::alloc(std::size_t{n} * sizeof(T), line, QOSA_UNIT_NAME));
     }
     // Replaces the block by one of want records, the first have copied across;
     // the copy's status is added to status. False (block kept) when short.

@@ -16,6 +16,7 @@
 #include "internal/fifo_sem.h"
 #include "internal/mem_switch.h"
 #include "internal/sem.h"
+#include "internal/tracked.h"
 #include "qosa_mem.h"
 #include "qosa_sem.h"
 
@@ -86,12 +87,12 @@ s32 wait_for(QOSA_SEM_S* rec, std::int64_t ns) {
 
 QOSA_SEM_S* open_named(const char* name, s32 oflag, mode_t mode, u32 value) {
     if (name == nullptr) return nullptr;
-    auto* rec = static_cast<QOSA_SEM_S*>(qosa::mem::alloc(sizeof(QOSA_SEM_S), QOSA_MEM_DYN, QOSA_HERE));
+    auto* rec = QOSA_ALLOC_OF(QOSA_SEM_S);
     if (rec == nullptr) return nullptr;
     sem_t* s = sem_open(name, oflag, mode, value);
     if (s == SEM_FAILED) {
         int reason = errno;
-        qosa::mem::release(rec, QOSA_MEM_DYN, QOSA_HERE);
+        QOSA_RELEASE(rec);
         errno = reason;
         return nullptr;
     }
@@ -189,7 +190,7 @@ s32 QOSA_SemClose(QOSA_SEM_S* rec) {
     // storage of an unnamed one is no pointer to close.
     if (rec == nullptr || !(is_named(rec) || was_named(rec)) || rec->sem.pNamed == nullptr) return -1;
     if (sem_close(rec->sem.pNamed) != 0) return -1;
-    qosa::mem::release(rec, QOSA_MEM_DYN, QOSA_HERE);
+    QOSA_RELEASE(rec);
     return 0;
 }
 

@@ -110,6 +110,7 @@ s64 QOSA_Ultostr(char* buffer, u64 size, u32 value, u32 radix) {
 #include "qosa_mem.h"
 #include "qosa_text.h"
 #include "internal/mem_switch.h"
+#include "internal/tracked.h"
 #include "internal/utf8.h"
 
 // Wide units are read as s32 whatever the signedness of wchar_t (signed on
@@ -122,12 +123,6 @@ static_assert(sizeof(QOSA_UTF8_TB_S) == 32 && offsetof(QOSA_UTF8_TB_S, shift) ==
 namespace qosa::text {
 
 namespace {
-
-// Blocks are recorded with the line of the call that takes or releases them.
-void* take(std::size_t bytes, u32 line) {
-    return qosa::mem::alloc(static_cast<u32>(bytes), QOSA_MEM_DYN, line, QOSA_UNIT_NAME);
-}
-void give_back(void* p, u32 line) { qosa::mem::release(p, QOSA_MEM_DYN, line, QOSA_UNIT_NAME); }
 
 // Block sizes are 32-bit byte counts: refuse a text whose block would not fit.
 constexpr std::size_t kMaxBlock = 0xFFFFFFFFu;
@@ -227,7 +222,7 @@ char* wide_to_locale(const wchar_t* wide) {
     // Text the locale cannot express measures (size_t)-1, so the size wraps to 0.
     std::size_t size = std::wcstombs(nullptr, wide, 0) + 1;
     if (size == 0 || size > kMaxBlock) return nullptr;
-    auto* out = static_cast<char*>(take(size, __LINE__));
+    auto* out = static_cast<char*>(QOSA_ALLOC(size));
     if (out == nullptr) return nullptr;
     memset_s(out, size, 0, size);
     std::wcstombs(out, wide, size);
@@ -239,7 +234,7 @@ wchar_t* locale_to_wide(const char* text) {
     if (!in_env.active()) return nullptr;
     std::size_t count = std::mbstowcs(nullptr, text, 0) + 1;
     if (count == 0 || count > kMaxBlock / sizeof(wchar_t)) return nullptr;
-    auto* out = static_cast<wchar_t*>(take(count * sizeof(wchar_t), __LINE__));
+    auto* out = static_cast<wchar_t*>(QOSA_ALLOC(count * sizeof(wchar_t)));
     if (out == nullptr) return nullptr;
     std::wmemset(out, 0, count);
     std::mbstowcs(out, text, count);
@@ -252,16 +247,16 @@ wchar_t* utf8_to_wide(const char* utf8) {
     std::size_t n = std::strlen(utf8);
     // At most one unit per byte: one block, filled in a single pass.
     if (n + 1 > kMaxBlock / sizeof(wchar_t)) return nullptr;
-    auto* out = static_cast<wchar_t*>(take((n + 1) * sizeof(wchar_t), __LINE__));
+    auto* out = static_cast<wchar_t*>(QOSA_ALLOC((n + 1) * sizeof(wchar_t)));
     if (out == nullptr) return nullptr;
     std::size_t k = qosa::utf8::decode<qosa::utf8::Rule::Strict>(reinterpret_cast<const u8*>(utf8), n, out, n);
     out[k] = 0;
     // Multi-byte text leaves most of the block unused: hand back a fitting one.
     if (n >= 1024 && (k + 1) * 2 <= n + 1) {
-        auto* fit = static_cast<wchar_t*>(take((k + 1) * sizeof(wchar_t), __LINE__));
+        auto* fit = static_cast<wchar_t*>(QOSA_ALLOC((k + 1) * sizeof(wchar_t)));
         if (fit != nullptr) {
             memcpy_s(fit, (k + 1) * sizeof(wchar_t), out, (k + 1) * sizeof(wchar_t));
-            give_back(out, __LINE__);
+            QOSA_RELEASE(out);
             out = fit;
         }
     }
@@ -274,7 +269,7 @@ char* wide_to_utf8(const wchar_t* unicode) {
     std::size_t n = std::wcslen(unicode);
     if (n > (kMaxBlock - 1) / 6) return nullptr;
     std::size_t size = 6 * n + 1;
-    auto* out = static_cast<u8*>(take(size, __LINE__));
+    auto* out = static_cast<u8*>(QOSA_ALLOC(size));
     if (out == nullptr) return nullptr;
     u8* p = qosa::utf8::encode<qosa::utf8::Units::Signed>(unicode, n, out, out + size - 1);
     // The block keeps room for six bytes a unit: zeros from the terminator to
@@ -303,9 +298,9 @@ char* ORV_Utf8ToUnicodeA(const char* utf8) {
     if (wide == nullptr) return nullptr;
     std::size_t units = std::wcslen(wide);
     std::size_t size = (units + 1) * sizeof(wchar_t);
-    auto* out = size <= kMaxBlock ? static_cast<char*>(take(size, __LINE__)) : nullptr;
+    auto* out = size <= kMaxBlock ? static_cast<char*>(QOSA_ALLOC(size)) : nullptr;
     if (out == nullptr) {
-        give_back(wide, __LINE__);
+        QOSA_RELEASE(wide);
         return nullptr;
     }
     // The non-zero bytes of every unit, in storage order (least significant first).
@@ -321,7 +316,7 @@ char* ORV_Utf8ToUnicodeA(const char* utf8) {
     }
     out[k] = '\0';
     memset_s(out + k + 1, size - k - 1, 0, size - k - 1);
-    give_back(wide, __LINE__);
+    QOSA_RELEASE(wide);
     return out;
 }
 
@@ -336,19 +331,19 @@ wchar_t* ORV_LocaleToUnicodeW(const char* text) {
 char* ORV_LocaleToUtf8(const char* text) {
     wchar_t* wide = text != nullptr ? locale_to_wide(text) : nullptr;
     char* utf8 = wide_to_utf8(wide);
-    give_back(wide, __LINE__);
+    QOSA_RELEASE(wide);
     return utf8;
 }
 
 char* ORV_Utf8ToLocale(const char* utf8) {
     wchar_t* wide = utf8_to_wide(utf8);
     char* text = wide != nullptr ? wide_to_locale(wide) : nullptr;
-    give_back(wide, __LINE__);
+    QOSA_RELEASE(wide);
     return text;
 }
 
 void ORV_StrMemFree(void* p) {
-    if (p != nullptr) give_back(p, __LINE__);
+    if (p != nullptr) QOSA_RELEASE(p);
 }
 
 u32 ORV_Utf8Check(char* buffer, s32 len) {
