@@ -39,7 +39,7 @@
 #include <vector>
 
 #include "fault_inject.h"
-#include "sanitizers.h"
+#include "support.h"
 #include "internal/mem_table.h"
 #include "qosa.h"
 

@@ -16,6 +16,7 @@
 #include <string>
 
 #include "qosa_file.h"
+#include "support.h"
 
 namespace fs = std::filesystem;
 
@@ -37,10 +38,6 @@ void write_file(const std::string& p, const std::string& content) {
     EXPECT_EQ(QOSA_Fclose(f), 0);
 }
 
-std::string read_file(const std::string& p) {
-    std::ifstream in(p);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
 
 } // namespace
 
@@ -121,12 +118,12 @@ TEST(FileCopy, CopiesWholeFilesAndReportsEveryFailure) {
     write_file(src, content);
     write_file(dst, std::string(5000, 'z'));
     EXPECT_EQ(QOSA_CopyFile(src.c_str(), dst.c_str()), 0);
-    EXPECT_EQ(read_file(dst), content) << "a longer destination is cut to the source's length";
+    EXPECT_EQ(qosa_test::slurp(dst), content) << "a longer destination is cut to the source's length";
     EXPECT_EQ(QOSA_CopyFile(src.c_str(), src.c_str()), 0) << "onto itself";
-    EXPECT_EQ(read_file(src), content);
+    EXPECT_EQ(qosa_test::slurp(src), content);
     write_file(dir / "empty", "");
     EXPECT_EQ(QOSA_CopyFile((dir / "empty").c_str(), dst.c_str()), 0);
-    EXPECT_EQ(read_file(dst), "") << "an empty source gives an empty copy";
+    EXPECT_EQ(qosa_test::slurp(dst), "") << "an empty source gives an empty copy";
     EXPECT_EQ(QOSA_CopyFile((dir / "missing").c_str(), (dir / "never").c_str()), -1);
     EXPECT_FALSE(fs::exists(dir / "never"));
     EXPECT_EQ(QOSA_CopyFile(src.c_str(), (dir / "missing/dst").c_str()), -1);

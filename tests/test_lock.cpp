@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "qosa_lock.h"
-#include "sanitizers.h"
+#include "support.h"
 
 namespace {
 int try_elsewhere(QosaMutex* m) {

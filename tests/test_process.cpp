@@ -15,7 +15,7 @@
 
 #include "qosa_error.h"
 #include "qosa_process.h"
-#include "sanitizers.h"
+#include "support.h"
 
 constexpr s32 kCapacity = static_cast<s32>(sizeof(sigset_t) * CHAR_BIT);
 

@@ -15,12 +15,11 @@
 #include "internal/queue_debug.h"
 #include "qosa_mem.h"
 #include "qosa_queue.h"
+#include "support.h"
 
 namespace {
-using Clock = std::chrono::steady_clock;
-auto ms_since(Clock::time_point t0) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
-}
+using qosa_test::Clock;
+using qosa_test::ms_since;
 qosa::queue::QueueCounts counts(u32 id) {
     qosa::queue::QueueCounts c{};
     EXPECT_TRUE(qosa::queue::inspect(id, &c));

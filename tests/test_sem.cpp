@@ -13,12 +13,11 @@
 
 #include "internal/fifo_sem.h"
 #include "qosa_sem.h"
+#include "support.h"
 
 namespace {
-using Clock = std::chrono::steady_clock;
-auto ms_since(Clock::time_point t0) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
-}
+using qosa_test::Clock;
+using qosa_test::ms_since;
 // The wall-clock time ms from now, for the absolute deadlines.
 timespec from_now(long long ms) {
     timespec t{};

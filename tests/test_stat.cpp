@@ -18,16 +18,12 @@
 #include "internal/proc_parse.h"
 #include "qosa_mem.h"
 #include "qosa_stat.h"
-#include "sanitizers.h"
+#include "support.h"
 
 using namespace qosa::stat;
 
 namespace {
-
-std::string slurp(const char* path) {
-    std::ifstream in(path);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
+using qosa_test::slurp;
 
 // This process under a 15-character name (the kernel's limit) of its own,
 // or, under qemu-user, the executable's name (the build runs no two of these

@@ -10,7 +10,7 @@
 #include "internal/mem_table.h"
 #include "qosa_mem.h"
 #include "qosa_stat.h"
-#include "sanitizers.h"
+#include "support.h"
 
 // A live, undamaged block of the statistics unit holding at least that many bytes; released.
 static void expect_result_block(void* p, u32 bytes) {

@@ -14,7 +14,7 @@
 
 #include "internal/time.h"
 #include "qosa_time.h"
-#include "sanitizers.h"
+#include "support.h"
 
 namespace {
 

@@ -8,19 +8,14 @@
 #include <thread>
 
 #include "qosa.h"
-#include "sanitizers.h"
+#include "support.h"
 
 namespace qosa_test {
 
-using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
 // Sanitized builds run the timer thread several times slower.
 inline constexpr int kSlack = kUnderTsan || kUnderAsan ? 4 : 1;
-
-inline double ms_since(Clock::time_point t0) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
-}
 
 // Polls done() until it holds or the limit (times kSlack) passes.
 template <class Pred>

@@ -1,14 +1,15 @@
-// How the test build is instrumented: which sanitizer it runs under, for the
-// few checks that a sanitizer itself reports as an error (destroying a locked
-// mutex, a deliberate fault); whether the tests run under a user-mode emulator
-// (the cross build's qemu-user, QOSA_TEST_EMULATED from the build), for the
-// few checks of what the emulator fakes or forwards differently; and how a
-// forked child ends.
+// What the tests share. How the test build is instrumented: which sanitizer
+// it runs under, for the few checks that a sanitizer itself reports as an
+// error (destroying a locked mutex, a deliberate fault); whether the tests run
+// under a user-mode emulator (the cross build's qemu-user, QOSA_TEST_EMULATED
+// from the build), for the few checks of what the emulator fakes or forwards
+// differently. How a forked child ends; elapsed time; a file's contents.
 #pragma once
 
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -45,14 +46,25 @@ inline constexpr bool kUnderEmulator = true;
 inline constexpr bool kUnderEmulator = false;
 #endif
 
+using Clock = std::chrono::steady_clock;
+
+inline double ms_since(Clock::time_point t0) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
+}
+
+// The whole contents of a file ("" when it cannot be read).
+inline std::string slurp(const std::string& path) {
+    std::ifstream in(path);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
 // Names this process (its main thread: at most 15 characters kept) and returns
 // the name that the /proc scans see. qemu-user makes up the emulated process's
 // own stat line, named after the executable.
 inline std::string name_self(const std::string& name) {
     prctl(PR_SET_NAME, name.c_str());
     if (!kUnderEmulator) return name.substr(0, 15);
-    std::ifstream in("/proc/self/stat");
-    const std::string line{std::istreambuf_iterator<char>(in), {}};
+    const std::string line = slurp("/proc/self/stat");
     return line.substr(line.find('(') + 1, line.rfind(')') - line.find('(') - 1);
 }
 } // namespace qosa_test
