@@ -29,7 +29,7 @@ constexpr std::uint32_t kLeaving = 3;         // timed out or interrupted: claim
 constexpr std::uint32_t kClaimed = 4;         // off the list, being handed its due: it must not leave
 constexpr std::uint32_t kClaimedSleeping = 5; // claimed, and asleep until the grant: the grant must wake it
 constexpr std::uint32_t kYielding = 6;        // queued, done spinning, letting others run once before it sleeps
-static_assert(kSpinMaxNs <= UINT16_MAX / 2, "the learnt spin time moves within a 16-bit field");
+static_assert(kSpinMaxNs <= UINT16_MAX, "the learnt spin time moves within a 16-bit field");
 
 // A spin-wait hint: lets the sibling hardware thread run and saves power.
 void cpu_relax() {

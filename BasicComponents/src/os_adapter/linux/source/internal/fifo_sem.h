@@ -86,7 +86,11 @@ using WaitList = ilist::List<FifoWaiter, &FifoWaiter::link>;
 struct Spin {
     std::uint16_t ns; // how long the longest waiter spins before it sleeps
 };
-inline constexpr std::uint16_t kSpinMaxNs = 10000;
+// The longest spin: it outlasts the wake-up of a sleeping thread on a virtual
+// machine (20-40 us), so that a producer that has just woken its consumer
+// waits for that consumer's reads on a full queue instead of going to sleep
+// itself, which would leave the two taking turns at waking each other.
+inline constexpr std::uint16_t kSpinMaxNs = 30000;
 
 // A waiter taken off its list by a claim; grant it once it has been handed
 // what it waited for.
