@@ -13,11 +13,10 @@
 // never runs into the lock; the thread that served it is done with the queue
 // before the grant, and a delete waits for reads still copying out a message
 // whose place a writer may have used (finishing). So a thread may delete the
-// queue as soon as a call whose effect it saw has returned. Waiters are served strictly in the order they came, and a reader or
-// writer that arrives later queues behind them (a full queue has writers
-// waiting only while it stays full, an empty one readers only while it stays
-// empty). Reads and writes share the one wait of the wait lists; time-outs run
-// on the monotonic clock.
+// queue as soon as a call whose effect it saw has returned. Waiters are served strictly in the order they came, and a
+// reader or writer that arrives later queues behind them (a full queue has writers waiting only while it stays full, an
+// empty one readers only while it stays empty). Reads and writes share the one wait of the wait lists; time-outs run on
+// the monotonic clock.
 //
 // Messages live in nodes, copied into them before the lock is taken where a
 // node is at hand, and out of them after it is released. While memory
@@ -42,7 +41,6 @@
 #include <sched.h>
 
 #include <atomic>
-#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -57,9 +55,7 @@
 #include "internal/str.h"
 #include "internal/tracked.h"
 #include "qosa_lock.h"
-#include "qosa_mem.h"
 #include "qosa_queue.h"
-#include "qosa_string.h"
 
 namespace {
 

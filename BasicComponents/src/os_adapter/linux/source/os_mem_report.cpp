@@ -11,6 +11,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <memory>
+#include <utility>
 
 #include "internal/common.h"
 #include "internal/mem_table.h"
@@ -34,14 +36,40 @@ constexpr const char* kSummary =
 
 MemMonitor& T = g_MemMonitorRecord;
 
+// The tracker's malloc'ed scratch, freed at the end of its scope.
+struct Free {
+    void operator()(void* p) const { std::free(p); }
+};
+template <class E>
+using Scratch = std::unique_ptr<E[], Free>;
+template <class E>
+Scratch<E> scratch(std::size_t n) {
+    return Scratch<E>(static_cast<E*>(std::malloc(n * sizeof(E))));
+}
+
+// Appends the text that write(at, room) formats to buf; the bytes added, 0
+// when nothing fits.
+template <class Write>
+u32 append_with(char* buf, u32 bufSize, const char* fmt, Write write) {
+    u32 len = qosa::str_len(buf);
+    if (buf == nullptr || fmt == nullptr || len >= bufSize) return 0;
+    int n = write(buf + len, bufSize - len - 1);
+    return n < 0 ? 0 : static_cast<u32>(n);
+}
+
+template <class... Args>
+u32 string_cat(char* buf, u32 bufSize, const char* fmt, Args... args) {
+    return append_with(buf, bufSize, fmt, [&](char* at, u32 room) { return sprintf_s(at, room, fmt, args...); });
+}
+
 const char* type_name(u32 type) { return type < std::size(g_MemTypeDiscr) ? g_MemTypeDiscr[type] : "Unknown"; }
 const char* status_name(u32 status) { return status < std::size(g_MemStatus) ? g_MemStatus[status] : "Unknown"; }
 
 // One record line, appended to buf.
 u32 append_record(char* buf, u32 bufSize, const QOSA_MEM_REC_S& r) {
-    return qosa::mem::string_cat(buf, bufSize, "%-7u  %-10u %-5u %-31s %s    %-9s %u\r\n", r.ulPos, r.ulSize, r.ulLine,
-                                 r.pFile != nullptr ? r.pFile : "(null)", type_name(r.ulType), status_name(r.ulStatus),
-                                 static_cast<u32>(r.ulThread));
+    return string_cat(buf, bufSize, "%-7u  %-10u %-5u %-31s %s    %-9s %u\r\n", r.ulPos, r.ulSize, r.ulLine,
+                      r.pFile != nullptr ? r.pFile : "(null)", type_name(r.ulType), status_name(r.ulStatus),
+                      static_cast<u32>(r.ulThread));
 }
 
 // Hands a listing to print in pieces of at most kChunk records, each after
@@ -54,12 +82,19 @@ void print_listing(QOSA_MemPrintProc print, char* buf, QOSA_MEM_REC_S* recs, u32
     }
 }
 
-// Writes one table to the dump file, a line at a time. Called with the
-// table's mutex held.
-void dump_line(FILE* f, char* buf, const QOSA_MEM_REC_S& r) {
-    buf[0] = '\0';
-    append_record(buf, kTextBuf, r);
-    std::fprintf(f, "%s", buf);
+// Writes one table to the dump file under its title, a line at a time, with
+// the table's mutex held: count(), then record(i) for each i below it.
+template <class Count, class Record>
+void dump_table(FILE* f, char* buf, QosaMutex* mutex, const char* title, Count count, Record record) {
+    MutexGuard lock(mutex);
+    const u32 n = lock.locked() ? count() : 0; // GCOVR_EXCL_BR_LINE: see MutexGuard
+    std::fprintf(f, title, n);
+    std::fprintf(f, "%s", kHeader);
+    for (u32 i = 0; i < n; ++i) {
+        buf[0] = '\0';
+        append_record(buf, kTextBuf, record(i));
+        std::fprintf(f, "%s", buf);
+    }
 }
 
 const QOSA_MEM_REC_S& record_of(const void* slot) {
@@ -70,30 +105,10 @@ const QOSA_MEM_REC_S& record_of(const void* slot) {
 
 } // namespace
 
-namespace {
-
-// Appends the formatted text to buf; the bytes added, 0 when nothing fits.
-u32 vstring_cat(char* buf, u32 bufSize, const char* fmt, std::va_list args) {
-    u32 len = qosa::str_len(buf);
-    if (buf == nullptr || fmt == nullptr || len >= bufSize) return 0;
-    int n = vsprintf_s(buf + len, bufSize - len - 1, fmt, args);
-    return n < 0 ? 0 : static_cast<u32>(n);
-}
-
-} // namespace
-
-u32 qosa::mem::string_cat(char* buf, u32 bufSize, const char* fmt, ...) {
-    std::va_list args;
-    va_start(args, fmt);
-    u32 n = vstring_cat(buf, bufSize, fmt, args);
-    va_end(args);
-    return n;
-}
-
 u32 qosa::mem::print_info(int withHeader, char* buf, u32 bufSize, QOSA_MEM_REC_S* recs, u32 count) {
     if (buf == nullptr || bufSize == 0) return 0;
     buf[0] = '\0';
-    u32 total = withHeader != 0 ? qosa::mem::string_cat(buf, bufSize, "%s", kHeader) : 0;
+    u32 total = withHeader != 0 ? string_cat(buf, bufSize, "%s", kHeader) : 0;
     for (u32 i = 0; recs != nullptr && i < count; ++i)
         total += append_record(buf, bufSize, recs[i]);
     return total;
@@ -124,12 +139,8 @@ int by_size(const void* a, const void* b) { return record_of(a).ulSize < record_
 
 // Hands the n records in recs (malloc'ed) to *out and gives n; none are
 // released and give 0.
-u32 deliver(QOSA_MEM_REC_S* recs, u32 n, QOSA_MEM_REC_S** out) {
-    if (n == 0) {
-        std::free(recs);
-        return 0;
-    }
-    *out = recs;
+u32 deliver(Scratch<QOSA_MEM_REC_S> recs, u32 n, QOSA_MEM_REC_S** out) {
+    if (n != 0) *out = recs.release();
     return n;
 }
 
@@ -146,16 +157,13 @@ u32 qosa::mem::sort_info(QOSA_MEM_REC_S** out, char* filter, int sortMode) {
     MutexGuard lock(&T.hMutex);
     u32 cur = lock.locked() ? T.ulCurCnt : 0; // GCOVR_EXCL_BR_LINE: see MutexGuard
     if (cur == 0) return 0;
-    auto* recs = static_cast<QOSA_MEM_REC_S*>(std::malloc(std::size_t{cur} * sizeof(QOSA_MEM_REC_S)));
-    auto* slots = static_cast<u32*>(std::malloc(std::size_t{cur} * sizeof(u32)));
+    Scratch<QOSA_MEM_REC_S> recs = scratch<QOSA_MEM_REC_S>(cur);
+    Scratch<u32> slots = scratch<u32>(cur);
     if (recs == nullptr || slots == nullptr ||
-        memcpy_s(slots, std::size_t{cur} * sizeof(u32), T.aulPosTab, std::size_t{cur} * sizeof(u32)) != 0) {
-        std::free(recs);
-        std::free(slots);
+        memcpy_s(slots.get(), std::size_t{cur} * sizeof(u32), T.aulPosTab, std::size_t{cur} * sizeof(u32)) != 0)
         return 0;
-    }
-    if (sortMode == 0) std::qsort(slots, cur, sizeof(u32), by_addr);
-    if (sortMode == 1) std::qsort(slots, cur, sizeof(u32), by_size);
+    if (sortMode == 0) std::qsort(slots.get(), cur, sizeof(u32), by_addr);
+    if (sortMode == 1) std::qsort(slots.get(), cur, sizeof(u32), by_size);
     bool all = qosa::str_len(filter) == 0;
     u32 kept = 0;
     for (u32 i = 0; i < cur; ++i) {
@@ -163,14 +171,13 @@ u32 qosa::mem::sort_info(QOSA_MEM_REC_S** out, char* filter, int sortMode) {
         if (all || (r.pFile != nullptr && qosa::mem::find_nocase(const_cast<char*>(r.pFile), filter) != nullptr))
             recs[kept++] = r;
     }
-    std::free(slots);
-    return deliver(recs, kept, out);
+    return deliver(std::move(recs), kept, out);
 }
 
 u32 qosa::mem::scan_damaged(QOSA_MEM_REC_S** out) {
     if (out == nullptr) return 0;
     *out = nullptr;
-    auto* recs = static_cast<QOSA_MEM_REC_S*>(std::malloc(std::size_t{kMaxErrRec} * sizeof(QOSA_MEM_REC_S)));
+    Scratch<QOSA_MEM_REC_S> recs = scratch<QOSA_MEM_REC_S>(kMaxErrRec);
     if (recs == nullptr) return 0;
     u32 n = 0;
     {
@@ -183,7 +190,7 @@ u32 qosa::mem::scan_damaged(QOSA_MEM_REC_S** out) {
             if (status == QOSA_MEM_DOWN_OVERFLOW || status == QOSA_MEM_UP_OVERFLOW) recs[n++] = *r;
         }
     }
-    return deliver(recs, n, out);
+    return deliver(std::move(recs), n, out);
 }
 
 int qosa::mem::self_check(void) {
@@ -205,84 +212,65 @@ void qosa::mem::dump_records(char* path) {
     std::remove(path);
     FILE* f = std::fopen(path, "a+");
     if (f == nullptr) return;
-    auto* buf = static_cast<char*>(std::malloc(kTextBuf));
+    Scratch<char> buf = scratch<char>(kTextBuf);
     if (buf == nullptr) {
         std::fclose(f);
         return;
     }
-    {
-        MutexGuard lock(&T.hMutex);
-        const u32 n = lock.locked() ? T.ulCurCnt : 0; // GCOVR_EXCL_BR_LINE: see MutexGuard
-        std::fprintf(f, "\r\n-------MemInfo %u----\r\n", n);
-        std::fprintf(f, "%s", kHeader);
-        for (u32 p = 0; p < n; ++p)
-            dump_line(f, buf, T.astRec[T.aulPosTab[p]]);
-    }
-    {
-        MutexGuard lock(&T.hErrMutex);
-        const u32 n = lock.locked() ? T.ulErrCnt : 0; // GCOVR_EXCL_BR_LINE: see MutexGuard
-        std::fprintf(f, "\r\n-------ErrMem %u----\r\n", n);
-        std::fprintf(f, "%s", kHeader);
-        for (u32 e = 0; e < n; ++e)
-            dump_line(f, buf, T.astErrRec[e]);
-    }
+    dump_table(
+        f, buf.get(), &T.hMutex, "\r\n-------MemInfo %u----\r\n", [] { return T.ulCurCnt; },
+        [](u32 p) -> const QOSA_MEM_REC_S& { return T.astRec[T.aulPosTab[p]]; });
+    dump_table(
+        f, buf.get(), &T.hErrMutex, "\r\n-------ErrMem %u----\r\n", [] { return T.ulErrCnt; },
+        [](u32 e) -> const QOSA_MEM_REC_S& { return T.astErrRec[e]; });
     std::fflush(f);
     std::fclose(f);
-    std::free(buf);
 }
 
 u32 qosa::mem::report_stats(QOSA_MemPrintProc print) {
     if (print == nullptr) return 1;
     char buf[256] = {};
-    u32 len =
-        qosa::mem::string_cat(buf, sizeof buf,
-                              "Current mem record cnt: %u\n\rMax mem record cnt: %u\n\rMax mem record limit : %u\n\r"
-                              "User malloc mem:   %u (Bytes)\n\r",
-                              load(T.ulCurCnt), load(T.ulMaxCnt), kMaxRec, load(T.ulUserMem));
+    u32 len = string_cat(buf, sizeof buf,
+                         "Current mem record cnt: %u\n\rMax mem record cnt: %u\n\rMax mem record limit : %u\n\r"
+                         "User malloc mem:   %u (Bytes)\n\r",
+                         load(T.ulCurCnt), load(T.ulMaxCnt), kMaxRec, load(T.ulUserMem));
     print(buf, len);
     return 0;
 }
 
 u32 qosa::mem::report_records(u32 mode, u32 sortMode, char* filter, QOSA_MemPrintProc print) {
     if (print == nullptr) return 1;
-    QOSA_MEM_REC_S* recs = nullptr;
+    QOSA_MEM_REC_S* sorted = nullptr;
     u32 n = 0;
-    if (mode == 0) n = qosa::mem::sort_info(&recs, nullptr, static_cast<int>(sortMode));
-    if (mode == 1) n = qosa::mem::sort_info(&recs, filter, static_cast<int>(sortMode));
-    auto* buf = static_cast<char*>(std::malloc(kTextBuf));
-    if (buf == nullptr) {
-        std::free(recs);
-        return 0;
-    }
-    print_listing(print, buf, recs, n);
+    if (mode == 0) n = qosa::mem::sort_info(&sorted, nullptr, static_cast<int>(sortMode));
+    if (mode == 1) n = qosa::mem::sort_info(&sorted, filter, static_cast<int>(sortMode));
+    Scratch<QOSA_MEM_REC_S> recs(sorted);
+    Scratch<char> buf = scratch<char>(kTextBuf);
+    if (buf == nullptr) return 0;
+    print_listing(print, buf.get(), recs.get(), n);
     u32 bytes = 0;
     for (u32 i = 0; i < n; ++i)
         bytes += recs[i].ulAlignSize;
     char totals[512] = {};
-    u32 len = qosa::mem::string_cat(totals, sizeof totals,
-                                    "\r\nTotal malloc mem: %u\r\nThis User malloc mem : %u (bytes)\r\n", n, bytes);
+    u32 len = string_cat(totals, sizeof totals, "\r\nTotal malloc mem: %u\r\nThis User malloc mem : %u (bytes)\r\n", n,
+                         bytes);
     print(totals, len);
-    std::free(buf);
-    std::free(recs);
     return 0;
 }
 
 u32 qosa::mem::report_scan(QOSA_MemPrintProc print) {
     if (print == nullptr) return 1;
-    auto* buf = static_cast<char*>(std::malloc(kTextBuf));
+    Scratch<char> buf = scratch<char>(kTextBuf);
     if (buf == nullptr) return 1;
     QOSA_MEM_REC_S* damaged = nullptr;
     u32 nDamaged = qosa::mem::scan_damaged(&damaged);
-    print_listing(print, buf, damaged, nDamaged);
-    std::free(damaged);
+    print_listing(print, buf.get(), Scratch<QOSA_MEM_REC_S>(damaged).get(), nDamaged);
     void* logged = nullptr;
     u32 nLogged = qosa::mem::err_log(&logged);
-    print_listing(print, buf, static_cast<QOSA_MEM_REC_S*>(logged), nLogged);
-    std::free(logged);
+    print_listing(print, buf.get(), Scratch<QOSA_MEM_REC_S>(static_cast<QOSA_MEM_REC_S*>(logged)).get(), nLogged);
     buf[0] = '\0';
-    u32 len = qosa::mem::string_cat(buf, kTextBuf, kSummary, nDamaged + nLogged);
-    print(buf, len);
-    std::free(buf);
+    u32 len = string_cat(buf.get(), kTextBuf, kSummary, nDamaged + nLogged);
+    print(buf.get(), len);
     return 0;
 }
 
@@ -291,7 +279,7 @@ u32 qosa::mem::report_use(QOSA_MemPrintProc print) {
     qosa::mem::self_check();
     qosa::mem::dump_records(s_recordDump);
     char buf[512] = {};
-    u32 len = qosa::mem::string_cat(buf, sizeof buf, "Save to %s", s_recordDump);
+    u32 len = string_cat(buf, sizeof buf, "Save to %s", s_recordDump);
     print(buf, len);
     return 0;
 }
@@ -302,7 +290,7 @@ extern "C" {
 u32 sysMemLogStringCat(char* buf, u32 bufSize, const char* fmt, ...) {
     std::va_list args;
     va_start(args, fmt);
-    u32 n = vstring_cat(buf, bufSize, fmt, args);
+    u32 n = append_with(buf, bufSize, fmt, [&](char* at, u32 room) { return vsprintf_s(at, room, fmt, args); });
     va_end(args);
     return n;
 }

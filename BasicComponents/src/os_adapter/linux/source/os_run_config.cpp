@@ -250,6 +250,15 @@ class Owned {
     u32 line_ = 0; // where the block was allocated
 };
 
+// Room for record n of a /proc scan's working array, which grows kGrowStep
+// records at a time (recorded at line); false, with a diagnostic naming who,
+// when it cannot grow.
+bool room_for(Owned<ProcInfo>& work, u32 n, u32 line, int* status, const char* who) {
+    if (n % kGrowStep != 0 || work.resize(n, n + kGrowStep, line, status)) return true;
+    diag(who, "working array not grown");
+    return false;
+}
+
 // A directory stream, closed when the call returns. A failure to open it is
 // reported at once.
 class Dir {
@@ -475,10 +484,7 @@ u32 QOSA_OS_GetCPUBusyRate(u32* count, QOSA_OS_PROC_INFO_S** records) {
         Dir proc("/proc");
         if (!proc.open()) return 2;
         for (const char* pid = proc.next_process(); pid != nullptr; pid = proc.next_process()) {
-            if (n % kGrowStep == 0 && !work.resize(n, n + kGrowStep, __LINE__, &status)) {
-                diag("QOSA_OS_GetCPUBusyRate", "working array not grown");
-                break;
-            }
+            if (!room_for(work, n, __LINE__, &status, "QOSA_OS_GetCPUBusyRate")) break;
             ProcInfo& r = work[n];
             if (OS_GetProcCpuTime(pid, r.szProcName, &r.ulValue) != 0) return 1;
             ++n;
@@ -547,10 +553,7 @@ u32 QOSA_OS_GetMEMAllocRate(u32* total, u32* freeMem, u32* count, QOSA_OS_PROC_I
         int status = 0;
         char path[kPathSize];
         for (const char* pid = proc.next_process(); pid != nullptr; pid = proc.next_process()) {
-            if (n != 0 && n % kGrowStep == 0 && !work.resize(n, n + kGrowStep, __LINE__, &status)) {
-                diag("QOSA_OS_GetMEMAllocRate", "working array not grown");
-                break;
-            }
+            if (n != 0 && !room_for(work, n, __LINE__, &status, "QOSA_OS_GetMEMAllocRate")) break;
             if (sprintf_s(path, sizeof path, "/proc/%s/stat", pid) <= 0) break; // GCOVR_EXCL_BR_LINE
             // A process that is gone ends the scan; the ones before it stay.
             if (!read_head(path, buf)) {

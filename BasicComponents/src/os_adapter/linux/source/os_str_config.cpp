@@ -124,8 +124,6 @@ namespace qosa::text {
 
 namespace {
 
-// Block sizes are 32-bit byte counts: refuse a text whose block would not fit.
-constexpr std::size_t kMaxBlock = 0xFFFFFFFFu;
 // The name of the character-type locale the environment asks for: what
 // setlocale(LC_CTYPE, "") would use.
 const char* env_ctype_name() {
@@ -221,8 +219,7 @@ char* wide_to_locale(const wchar_t* wide) {
     if (!in_env.active()) return nullptr;
     // Text the locale cannot express measures (size_t)-1, so the size wraps to 0.
     std::size_t size = std::wcstombs(nullptr, wide, 0) + 1;
-    if (size == 0 || size > kMaxBlock) return nullptr;
-    auto* out = static_cast<char*>(QOSA_ALLOC(size));
+    auto* out = size != 0 ? QOSA_ALLOC_N(char, size) : nullptr;
     if (out == nullptr) return nullptr;
     memset_s(out, size, 0, size);
     std::wcstombs(out, wide, size);
@@ -232,9 +229,8 @@ char* wide_to_locale(const wchar_t* wide) {
 wchar_t* locale_to_wide(const char* text) {
     ThreadLocale in_env;
     if (!in_env.active()) return nullptr;
-    std::size_t count = std::mbstowcs(nullptr, text, 0) + 1;
-    if (count == 0 || count > kMaxBlock / sizeof(wchar_t)) return nullptr;
-    auto* out = static_cast<wchar_t*>(QOSA_ALLOC(count * sizeof(wchar_t)));
+    std::size_t count = std::mbstowcs(nullptr, text, 0) + 1; // wraps to 0 like the size above
+    auto* out = count != 0 ? QOSA_ALLOC_N(wchar_t, count) : nullptr;
     if (out == nullptr) return nullptr;
     std::wmemset(out, 0, count);
     std::mbstowcs(out, text, count);
@@ -246,14 +242,13 @@ wchar_t* utf8_to_wide(const char* utf8) {
     if (utf8 == nullptr) return nullptr;
     std::size_t n = std::strlen(utf8);
     // At most one unit per byte: one block, filled in a single pass.
-    if (n + 1 > kMaxBlock / sizeof(wchar_t)) return nullptr;
-    auto* out = static_cast<wchar_t*>(QOSA_ALLOC((n + 1) * sizeof(wchar_t)));
+    auto* out = QOSA_ALLOC_N(wchar_t, n + 1);
     if (out == nullptr) return nullptr;
     std::size_t k = qosa::utf8::decode<qosa::utf8::Rule::Strict>(reinterpret_cast<const u8*>(utf8), n, out, n);
     out[k] = 0;
     // Multi-byte text leaves most of the block unused: hand back a fitting one.
     if (n >= 1024 && (k + 1) * 2 <= n + 1) {
-        auto* fit = static_cast<wchar_t*>(QOSA_ALLOC((k + 1) * sizeof(wchar_t)));
+        auto* fit = QOSA_ALLOC_N(wchar_t, k + 1);
         if (fit != nullptr) {
             memcpy_s(fit, (k + 1) * sizeof(wchar_t), out, (k + 1) * sizeof(wchar_t));
             QOSA_RELEASE(out);
@@ -267,9 +262,8 @@ wchar_t* utf8_to_wide(const char* utf8) {
 char* wide_to_utf8(const wchar_t* unicode) {
     if (unicode == nullptr) return nullptr;
     std::size_t n = std::wcslen(unicode);
-    if (n > (kMaxBlock - 1) / 6) return nullptr;
     std::size_t size = 6 * n + 1;
-    auto* out = static_cast<u8*>(QOSA_ALLOC(size));
+    auto* out = QOSA_ALLOC_N(u8, size);
     if (out == nullptr) return nullptr;
     u8* p = qosa::utf8::encode<qosa::utf8::Units::Signed>(unicode, n, out, out + size - 1);
     // The block keeps room for six bytes a unit: zeros from the terminator to
@@ -298,7 +292,7 @@ char* ORV_Utf8ToUnicodeA(const char* utf8) {
     if (wide == nullptr) return nullptr;
     std::size_t units = std::wcslen(wide);
     std::size_t size = (units + 1) * sizeof(wchar_t);
-    auto* out = size <= kMaxBlock ? static_cast<char*>(QOSA_ALLOC(size)) : nullptr;
+    auto* out = QOSA_ALLOC_N(char, size);
     if (out == nullptr) {
         QOSA_RELEASE(wide);
         return nullptr;

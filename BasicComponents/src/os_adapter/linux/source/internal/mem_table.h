@@ -23,6 +23,7 @@
 
 #include "qosa_lock.h"
 #include "qosa_mem.h"
+#include "unaligned.h"
 
 namespace qosa::mem {
 
@@ -54,12 +55,8 @@ inline u32 load(const u32& v) { return __atomic_load_n(&v, __ATOMIC_RELAXED); }
 inline void store(u32& v, u32 x) { __atomic_store_n(&v, x, __ATOMIC_RELAXED); }
 
 // Words around a block; the tail guard may be unaligned.
-inline u32 word_at(const void* p) {
-    u32 v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
-inline void put_word(void* p, u32 v) { std::memcpy(p, &v, sizeof v); }
+inline u32 word_at(const void* p) { return load_unaligned<u32>(p); }
+inline void put_word(void* p, u32 v) { store_unaligned(p, v); }
 
 inline char* caller_ptr(const QOSA_MEM_REC_S& r) { return static_cast<char*>(r.pAddr) + r.ulHeadOffset; }
 
@@ -96,8 +93,6 @@ int init_manage();                                               // MemInitManag
 void* alloc_mem(const char* file, u32 line, u32 size, u32 type); // MemAllocMem
 u32 free_mem(const char* file, u32 line, void* p, u32 type);     // MemFreeMem
 // The reports (os_mem_report):
-u32 string_cat(char* buf, u32 bufSize, const char* fmt, ...)
-    __attribute__((format(printf, 3, 4)));                                               // sysMemLogStringCat
 u32 print_info(int withHeader, char* buf, u32 bufSize, QOSA_MEM_REC_S* recs, u32 count); // sysMemPrintMemInfo
 char* find_nocase(char* text, const char* pattern);                                      // sysMemStrcasestr
 u32 sort_info(QOSA_MEM_REC_S** out, char* filter, int sortMode);                         // sysMemSortMemInfo

@@ -19,6 +19,11 @@ inline void* alloc(std::size_t size, u32 line, const char* file) {
     return qosa::mem::alloc(static_cast<u32>(size), QOSA_MEM_DYN, line, file);
 }
 
+// n elements of size bytes, or NULL (also when they pass 32 bits together).
+inline void* alloc_n(std::size_t size, std::size_t n, u32 line, const char* file) {
+    return n > UINT32_MAX / size ? nullptr : alloc(size * n, line, file);
+}
+
 inline void release(void* p, u32 line, const char* file) { qosa::mem::release(p, QOSA_MEM_DYN, line, file); }
 
 } // namespace qosa::tracked
@@ -27,4 +32,6 @@ inline void release(void* p, u32 line, const char* file) { qosa::mem::release(p,
 #define QOSA_ALLOC(size) ::qosa::tracked::alloc((size), __LINE__, QOSA_UNIT_NAME)
 // Storage for one T (not constructed), or NULL.
 #define QOSA_ALLOC_OF(T) static_cast<T*>(QOSA_ALLOC(sizeof(T)))
+// Storage for n Ts (not constructed), or NULL.
+#define QOSA_ALLOC_N(T, n) static_cast<T*>(::qosa::tracked::alloc_n(sizeof(T), (n), __LINE__, QOSA_UNIT_NAME))
 #define QOSA_RELEASE(p) ::qosa::tracked::release((p), __LINE__, QOSA_UNIT_NAME)

@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "qosa_types.h"
+#include "unaligned.h"
 
 namespace qosa::utf8 {
 
@@ -47,11 +48,7 @@ inline constexpr u32 kShortest[7] = {0, 0, 0x80, 0x800, 0x10000, 0x200000, 0x400
 
 inline constexpr u64 kHighBits = 0x8080808080808080ull;
 
-inline u64 load8(const u8* p) {
-    u64 w;
-    std::memcpy(&w, p, sizeof w);
-    return w;
-}
+inline u64 load8(const u8* p) { return load_unaligned<u64>(p); }
 
 // Whether the eight bytes at w are four two-byte sequences the rule accepts:
 // four leads 110xxxxx at the even positions and, under Strict, continuation
