@@ -86,6 +86,8 @@ bool set_quitting(u32 value, bool withLocks);
 // QOSA_CreateRelTimerM: starts the service and counts the timer in.
 void* create_rel_timer(QOSA_TimerProc proc, u32 mode, u32 line, const char* file);
 
+// ---- The live counts ----
+
 // The live count of a kind of timer, changed only here: a create reserves a
 // unit before the timer exists (so concurrent creates never pass the limit)
 // and gives it back when that fails; the kind lowers it when a timer goes.
