@@ -1,8 +1,8 @@
 // Relative timer groups: a fixed set of periodic relative timers sharing one
-// callback, each member started and stopped by its number. Built on the
-// public timer interface, except for the release of the group's memory,
-// which is queued in a request reserved with the group; the group has no
-// lock of its own.
+// callback, each member started and stopped by its number. Built on what the
+// public relative-timer calls do (internal/timer_service.h), except for the
+// release of the group's memory, which is queued in a request reserved with
+// the group; the group has no lock of its own.
 #define QOSA_UNIT_NAME "tmr_group.c"
 
 #include <cerrno>
@@ -103,15 +103,15 @@ u32 QOSA_StartRelTimerofGrp(QOSA_RelTimerGrp* grp, u32 index, u32 intervalMs, u3
     QOSA_RelTimerGrpEntry* m = &grp->entries[index];
     if (m->started != 0) return 0; // a running member is not restarted
     // A timer left by a start that failed is released before a new one is made.
-    if (m->timer != nullptr) QOSA_FreeRelTimer(m->timer);
+    if (m->timer != nullptr) qosa::timer::rel_free(m->timer);
     // The previous timer of this member may still be firing until its queued
     // free runs; its callback reads userValue.
     __atomic_store_n(&m->userValue, userValue, __ATOMIC_RELAXED);
     m->mode = mode;
     m->interval = intervalMs;
-    m->timer = QOSA_CreateRelTimerM(QOSA_TimeoutFuncOfGrp, QOSA_TIMER_LOOP, __LINE__, QOSA_UNIT_NAME);
+    m->timer = qosa::timer::create_rel_timer(QOSA_TimeoutFuncOfGrp, QOSA_TIMER_LOOP, __LINE__, QOSA_UNIT_NAME);
     if (m->timer == nullptr) return kStartFailed;
-    if (QOSA_StartRelTimer(m->timer, intervalMs, m) != 0) return kStartFailed;
+    if (qosa::timer::rel_start(m->timer, intervalMs, m) != 0) return kStartFailed;
     m->started = 1;
     return 0;
 }
@@ -128,7 +128,8 @@ u32 QOSA_StopRelTimerofGrp(QOSA_RelTimerGrp* grp, u32 index) {
     if (index >= grp->count) return kStopBadIndex;
     QOSA_RelTimerGrpEntry* m = &grp->entries[index];
     if (m->started == 0) return kStopNotStarted;
-    if (QOSA_StopRelTimer_Safe(m->timer, nullptr, nullptr) != 0 || QOSA_FreeRelTimer(m->timer) != 0) return kStopFailed;
+    if (qosa::timer::rel_stop(m->timer, nullptr, nullptr) != 0 || qosa::timer::rel_free(m->timer) != 0)
+        return kStopFailed;
     m->timer = nullptr;
     m->started = 0;
     return 0;
@@ -141,7 +142,7 @@ u32 QOSA_FreeRelTimerGrp(QOSA_RelTimerGrp* grp) {
         QOSA_RelTimerGrpEntry* m = &grp->entries[i];
         if (m->timer == nullptr) continue;
         // 22: the timer is already gone (the service was stopped since).
-        if (u32 r = QOSA_FreeRelTimer(m->timer); r != 0 && r != EINVAL) return kFreeMemberFailed;
+        if (u32 r = qosa::timer::rel_free(m->timer); r != 0 && r != EINVAL) return kFreeMemberFailed;
         m->timer = nullptr; // a retry after a failure does not free it twice
         m->started = 0;
     }

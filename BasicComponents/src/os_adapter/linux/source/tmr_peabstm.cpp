@@ -12,9 +12,11 @@
 #include <new>
 
 #include "internal/common.h"
+#include "internal/clock.h"
 #include "internal/ilist.h"
+#include "internal/lock.h"
+#include "internal/time.h"
 #include "internal/timer_kind.h"
-#include "qosa_time.h"
 #include "qosa_timer.h"
 
 extern "C" {
@@ -100,8 +102,8 @@ bool after_firing(abstimer* t) {
 }
 
 void _abstm_trigger(s64 /*ticks*/) {
-    abstmr_post_tasklet();
-    now = static_cast<s64>(QOSA_GetSysTimeSec());
+    qosa::timer::abs_drain();
+    now = static_cast<s64>(qosa::clock::wall_sec());
     if (static_cast<u64>(now - last_tv) > static_cast<u64>(kMaxCatchUp)) last_tv = now - 1;
     if (_activate_timers.empty()) {
         last_tv = now;
@@ -113,7 +115,7 @@ void _abstm_trigger(s64 /*ticks*/) {
     const s64 seconds = now - last_tv;
     for (s64 i = 0; i < seconds; ++i) {
         time_t s = static_cast<time_t>(last_tv + 1 + i);
-        known[i] = QOSA_LocalTime_S(&at[i], &s) == 0;
+        known[i] = qosa::time::local_time(&at[i], &s) == 0;
     }
     for (abstimer& t : _activate_timers) {
         for (s64 i = 0; i < seconds; ++i) {
@@ -133,30 +135,22 @@ u32 start_list() {
     // The first pass examines the seconds since the set-up: a timer started
     // at once for the next second is not missed, and a restart does not
     // replay the seconds since the previous run's last pass.
-    last_tv = static_cast<s64>(QOSA_GetSysTimeSec()) - 1;
+    last_tv = static_cast<s64>(qosa::clock::wall_sec()) - 1;
     return 0;
 }
 
 } // namespace
 
 namespace qosa::timer {
+
 QosaMutex* abstm_index_lock() { return &Abs::lock; }
-} // namespace qosa::timer
 
-extern "C" {
-
-s32 abstmr_indexLock(void) { return QOSA_MutexLock(&Abs::lock); }
-s32 abstmr_indexUnLock(void) { return QOSA_MutexUnLock(&Abs::lock); }
-
-u32 init_AbsIndex(void) { return Abs::build_index(QOSA_HERE); }
-
-s32 delinit_AbsIndex(void) { return static_cast<s32>(Abs::drop_index(QOSA_HERE)); }
-
-u32 init_abstm(void) {
-    return Abs::set_up(_abstm_trigger, 100, start_list, [] { _activate_timers.clear(); }, QOSA_HERE);
+u32 abs_set_up() {
+    return Abs::set_up(
+        _abstm_trigger, 100, start_list, [] { _activate_timers.clear(); }, QOSA_HERE);
 }
 
-u32 delinit_abstm(void) {
+void abs_tear_down() {
     Abs::tear_down(
         _abstm_trigger,
         [](auto drop) {
@@ -165,10 +159,11 @@ u32 delinit_abstm(void) {
             _activate_timers.clear();
         },
         QOSA_HERE);
-    return 0;
 }
 
-void* petimer_create_abstimer(QOSA_TimerProc proc, u32 mode) {
+s32 abs_drain() { return queue_drain(&Abs::queue); }
+
+void* abs_create(QOSA_TimerProc proc, u32 mode) {
     // Without a free slot (the service down, too) the callback is not looked
     // at: NULL with errno untouched.
     if (!Abs::has_free_slot()) return nullptr;
@@ -185,23 +180,55 @@ void* petimer_create_abstimer(QOSA_TimerProc proc, u32 mode) {
     return Abs::create(t);
 }
 
-u32 petimer_start_abstimer(void* h, const struct tm* when, void* arg) {
+u32 abs_start(void* h, const struct tm* when, void* arg) {
     if (h == nullptr || when == nullptr) return EINVAL;
     auto* req = QOSA_ALLOC_OF(abstm_start_req);
     return Abs::request(h, req, _starttimer, [=](abstimer* t) { *req = abstm_start_req{t, *when, arg}; });
 }
 
+u32 abs_stop(void* h, QOSA_TimerDoneProc done, void* doneArg) {
+    if (h == nullptr) return EINVAL;
+    return Abs::stop(h, done, doneArg, nullptr, QOSA_ALLOC_OF(tm_stop_req));
+}
+
+u32 abs_stop_ex(void* h, QOSA_TimerDoneProc done, void* doneArg, void** out) {
+    if (h == nullptr || out == nullptr) return EINVAL;
+    return Abs::stop(h, done, doneArg, out, QOSA_ALLOC_OF(tm_stop_req));
+}
+
+u32 abs_free(void* h) { return h == nullptr ? EINVAL : Abs::free(h); }
+
+} // namespace qosa::timer
+
+extern "C" {
+
+s32 abstmr_indexLock(void) { return qosa::lock::lock(&Abs::lock); }
+s32 abstmr_indexUnLock(void) { return qosa::lock::unlock(&Abs::lock); }
+
+u32 init_AbsIndex(void) { return Abs::build_index(QOSA_HERE); }
+
+s32 delinit_AbsIndex(void) { return static_cast<s32>(Abs::drop_index(QOSA_HERE)); }
+
+u32 init_abstm(void) { return qosa::timer::abs_set_up(); }
+
+u32 delinit_abstm(void) {
+    qosa::timer::abs_tear_down();
+    return 0;
+}
+
+void* petimer_create_abstimer(QOSA_TimerProc proc, u32 mode) { return qosa::timer::abs_create(proc, mode); }
+
+u32 petimer_start_abstimer(void* h, const struct tm* when, void* arg) { return qosa::timer::abs_start(h, when, arg); }
+
 u32 petimer_stop_abstimer_safeEx(void* h, QOSA_TimerDoneProc done, void* doneArg, void** outArg) {
-    if (h == nullptr || outArg == nullptr) return EINVAL;
-    return Abs::stop(h, done, doneArg, outArg, QOSA_ALLOC_OF(qosa::timer::tm_stop_req));
+    return qosa::timer::abs_stop_ex(h, done, doneArg, outArg);
 }
 
 u32 petimer_stop_abstimer_safe(void* h, QOSA_TimerDoneProc done, void* doneArg) {
-    if (h == nullptr) return EINVAL;
-    return Abs::stop(h, done, doneArg, nullptr, QOSA_ALLOC_OF(qosa::timer::tm_stop_req));
+    return qosa::timer::abs_stop(h, done, doneArg);
 }
 
-u32 petimer_free_abstimer(void* h) { return h == nullptr ? EINVAL : Abs::free(h); }
+u32 petimer_free_abstimer(void* h) { return qosa::timer::abs_free(h); }
 
 u32 petimer_relAbsIndex(void** slot) {
     MutexGuard lock(&Abs::lock);
@@ -211,6 +238,6 @@ u32 petimer_relAbsIndex(void** slot) {
     return 0;
 }
 
-s32 abstmr_post_tasklet(void) { return tsklet_invokeall(&Abs::queue); }
+s32 abstmr_post_tasklet(void) { return qosa::timer::abs_drain(); }
 
 } // extern "C"

@@ -12,8 +12,9 @@
 
 #include "internal/common.h"
 #include "internal/ilist.h"
+#include "internal/lock.h"
+#include "internal/time.h"
 #include "internal/timer_kind.h"
-#include "qosa_time.h"
 #include "qosa_timer.h"
 
 extern "C" {
@@ -149,20 +150,20 @@ void _trigger_a_reltimer(reltimer* t) {
             if (mode == QOSA_TIMER_LOOP) tsklet_post(&Rel::queue, &r->own, _do_restart_tm, r, QueueAt::front);
         }))
         return;
-    u32 start = QOSA_GetSysRunTime();
+    u32 start = qosa::time::run_ms();
     t->timeout_proc(__atomic_load_n(&t->arg, __ATOMIC_RELAXED));
-    u32 took = QOSA_GetSysRunTime() - start;
+    u32 took = qosa::time::run_ms() - start;
     if (took >= kLongCallbackMs) {
         const char* file = __atomic_load_n(&t->file, __ATOMIC_RELAXED);
         u32 line = file != nullptr ? __atomic_load_n(&t->line, __ATOMIC_RELAXED) : 0;
-        qosa_timer_debug("warning: timer_timeout_proc execution time is too long! timer[%s:%d] takes time %d\n",
-                         file != nullptr ? file : "unknown", static_cast<int>(line), static_cast<int>(took));
+        qosa::timer::debug("warning: timer_timeout_proc execution time is too long! timer[%s:%d] takes time %d\n",
+                           file != nullptr ? file : "unknown", static_cast<int>(line), static_cast<int>(took));
     }
     if ((mode & QOSA_TIMER_ONCE_FREE) != 0) Rel::release_fired(t);
 }
 
 void _reltm_trigger(s64 n) {
-    reltmr_post_tasklet();
+    qosa::timer::rel_drain();
     if (_tm_hash == nullptr) return;
     for (; n > 0; --n) {
         Bucket& b = _tm_hash[_tick_last & kBucketMask];
@@ -219,15 +220,9 @@ u32 reltm_tick_last() { return _tick_last; }
 
 QosaMutex* reltm_index_lock() { return &Rel::lock; }
 
-} // namespace qosa::timer
+u32 rel_set_up() { return Rel::set_up(_reltm_trigger, 1, make_wheel, drop_wheel, QOSA_HERE); }
 
-extern "C" {
-
-u32 init_RelIndex(void) { return Rel::build_index(QOSA_HERE); }
-
-u32 init_reltm(void) { return Rel::set_up(_reltm_trigger, 1, make_wheel, drop_wheel, QOSA_HERE); }
-
-u32 delinit_reltm(void) {
+void rel_tear_down() {
     Rel::tear_down(
         _reltm_trigger,
         [](auto drop) {
@@ -239,10 +234,11 @@ u32 delinit_reltm(void) {
             drop_wheel();
         },
         QOSA_HERE);
-    return 0;
 }
 
-void* petimer_create_reltimer(QOSA_TimerProc proc, u32 mode) {
+s32 rel_drain() { return queue_drain(&Rel::queue); }
+
+void* rel_create(QOSA_TimerProc proc, u32 mode) {
     if (proc == nullptr) {
         errno = EINVAL;
         return nullptr;
@@ -256,32 +252,32 @@ void* petimer_create_reltimer(QOSA_TimerProc proc, u32 mode) {
     return Rel::create(t);
 }
 
-u32 petimer_start_reltimer(void* h, u32 intervalMs, void* arg) {
+u32 rel_start(void* h, u32 intervalMs, void* arg) {
     auto* req = QOSA_ALLOC_OF(reltm_start_req);
     return Rel::request(h, req, _do_start_tm, [=](reltimer* t) { *req = reltm_start_req{t, intervalMs, arg}; });
 }
 
-u32 petimer_stop_reltimer_safe(void* h, QOSA_TimerDoneProc done, void* doneArg) {
-    return Rel::stop(h, done, doneArg, nullptr, QOSA_ALLOC_OF(qosa::timer::tm_stop_req));
+u32 rel_stop(void* h, QOSA_TimerDoneProc done, void* doneArg) {
+    return Rel::stop(h, done, doneArg, nullptr, QOSA_ALLOC_OF(tm_stop_req));
 }
 
-u32 petimer_stop_reltimer_safeEx(void* h, QOSA_TimerDoneProc done, void* doneArg, void** outArg) {
-    if (outArg == nullptr) return EINVAL;
-    return Rel::stop(h, done, doneArg, outArg, QOSA_ALLOC_OF(qosa::timer::tm_stop_req));
+u32 rel_stop_ex(void* h, QOSA_TimerDoneProc done, void* doneArg, void** out) {
+    if (out == nullptr) return EINVAL;
+    return Rel::stop(h, done, doneArg, out, QOSA_ALLOC_OF(tm_stop_req));
 }
 
-u32 petimer_free_reltimer(void* h) { return Rel::free(h); }
+u32 rel_free(void* h) { return Rel::free(h); }
 
-u32 petimer_free_reltimerarg_safe(void* block) {
+u32 rel_free_arg(void* block) {
     MutexGuard lock(&Rel::lock);
-    return lock.locked() && Rel::accepting() ? tsklet_invokelater(&Rel::queue, _do_free_tm_arg, block) : EINVAL;
+    return lock.locked() && Rel::accepting() ? queue_later(&Rel::queue, _do_free_tm_arg, block) : EINVAL;
 }
 
-u32 petimer_start_reltimer_simple(u32 intervalMs, QOSA_TimerProc proc, void* arg) {
-    void* h = petimer_create_reltimer(proc, QOSA_TIMER_ONCE_FREE);
+u32 rel_start_simple(u32 intervalMs, QOSA_TimerProc proc, void* arg) {
+    void* h = rel_create(proc, QOSA_TIMER_ONCE_FREE);
     if (h == nullptr) return ENOMEM;
-    qosa::timer::reltm_count().add();
-    u32 ret = petimer_start_reltimer(h, intervalMs, arg);
+    reltm_count().add();
+    u32 ret = rel_start(h, intervalMs, arg);
     if (ret != 0) {
         // Nothing refers to the timer but its slot (unless the teardown of a
         // stop took it already): release it with its count.
@@ -291,10 +287,43 @@ u32 petimer_start_reltimer_simple(u32 intervalMs, QOSA_TimerProc proc, void* arg
     return ret;
 }
 
-s32 reltmr_post_tasklet(void) { return tsklet_invokeall(&Rel::queue); }
+} // namespace qosa::timer
 
-s32 reltmr_idxLock(void) { return QOSA_MutexLock(&Rel::lock); }
+extern "C" {
 
-s32 reltmr_idxUnLock(void) { return QOSA_MutexUnLock(&Rel::lock); }
+u32 init_RelIndex(void) { return Rel::build_index(QOSA_HERE); }
+
+u32 init_reltm(void) { return qosa::timer::rel_set_up(); }
+
+u32 delinit_reltm(void) {
+    qosa::timer::rel_tear_down();
+    return 0;
+}
+
+void* petimer_create_reltimer(QOSA_TimerProc proc, u32 mode) { return qosa::timer::rel_create(proc, mode); }
+
+u32 petimer_start_reltimer(void* h, u32 intervalMs, void* arg) { return qosa::timer::rel_start(h, intervalMs, arg); }
+
+u32 petimer_stop_reltimer_safe(void* h, QOSA_TimerDoneProc done, void* doneArg) {
+    return qosa::timer::rel_stop(h, done, doneArg);
+}
+
+u32 petimer_stop_reltimer_safeEx(void* h, QOSA_TimerDoneProc done, void* doneArg, void** outArg) {
+    return qosa::timer::rel_stop_ex(h, done, doneArg, outArg);
+}
+
+u32 petimer_free_reltimer(void* h) { return qosa::timer::rel_free(h); }
+
+u32 petimer_free_reltimerarg_safe(void* block) { return qosa::timer::rel_free_arg(block); }
+
+u32 petimer_start_reltimer_simple(u32 intervalMs, QOSA_TimerProc proc, void* arg) {
+    return qosa::timer::rel_start_simple(intervalMs, proc, arg);
+}
+
+s32 reltmr_post_tasklet(void) { return qosa::timer::rel_drain(); }
+
+s32 reltmr_idxLock(void) { return qosa::lock::lock(&Rel::lock); }
+
+s32 reltmr_idxUnLock(void) { return qosa::lock::unlock(&Rel::lock); }
 
 } // extern "C"

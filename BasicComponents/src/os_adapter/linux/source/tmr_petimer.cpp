@@ -1,17 +1,19 @@
-// The timer thread: starting and stopping the service, the 10-ms loop with
-// its tick accounting, the tick hooks and the service flags.
+// The timer thread's loop: the 10-ms cycle with its tick accounting, the tick
+// hooks that the kinds of timer register, the service flags and the debug
+// trace. Starting and stopping the thread, which sets the kinds up and down,
+// is tmr_interface's.
 #define QOSA_UNIT_NAME "tmr_petimer.c"
 
 #include <cerrno>
+#include <cstdarg>
 #include <new>
 
 #include "internal/clock.h"
 #include "internal/common.h"
 #include "internal/ilist.h"
+#include "internal/time.h"
 #include "internal/timer_service.h"
 #include "internal/tracked.h"
-#include "qosa_thread.h"
-#include "qosa_time.h"
 #include "qosa_timer.h"
 
 namespace {
@@ -23,18 +25,14 @@ struct tickhook {
     s64 elapsed;
 };
 
-// Changed only while no timer thread runs (start, under s_tmr_instance_mutex)
-// and by the timer thread itself while it ends; the timer thread reads it.
+// Changed only while no timer thread runs (a start, under its lock) and by
+// the timer thread itself while it ends; the timer thread reads it.
 qosa::ilist::List<tickhook, &tickhook::link> _hooks;
 
-QosaMutex s_tmr_instance_mutex = QOSA_MUTEX_INITIALIZER;
-u8 s_tmr_init = 0;          // atomic: read by the limit setters of other threads
 s32 g_timer_quiting = 0;    // atomic: read without a lock by every timer operation
 pthread_t g_timerThrId = 0; // atomic: cleared by the timer thread when it ends
 
 constexpr u32 kTickMs = 10;
-
-s32 quitting() { return __atomic_load_n(&g_timer_quiting, __ATOMIC_ACQUIRE); }
 
 void run_hooks(s64 ticks) {
     for (tickhook& h : _hooks) {
@@ -52,9 +50,11 @@ u32 forward(u32 diff) { return static_cast<s32>(diff) < 0 ? 0 : diff; }
 
 } // namespace
 
-namespace qosa::timer {
+extern "C" {
+QOSA_TimerDebugProc g_pfnTimerDebug = nullptr;
+}
 
-u8 service_set_up() { return __atomic_load_n(&s_tmr_init, __ATOMIC_ACQUIRE); }
+namespace qosa::timer {
 
 u32 sleep_us(u32 passedMs) { return 10000u - ((forward(passedMs) * 1000u) % 10000u); }
 
@@ -81,6 +81,21 @@ CycleTicks cycle_ticks(u32 passedMs, u32 plannedUs, u32 sleptMs, s64 carry) {
     return {ticks < 0 ? 0 : ticks + 1, carry}; // the sleep itself is one tick
 }
 
+void tick_until_quitting() {
+    u32 last = qosa::time::run_ms();
+    s64 carry = 0;
+    while (quitting() == 0) {
+        u32 now = qosa::time::run_ms();
+        u32 passed = now - last;
+        u32 sleepUs = sleep_us(passed);
+        qosa::clock::sleep_ns(s64{sleepUs} * qosa::clock::kNsPerUs);
+        last = qosa::time::run_ms();
+        auto cycle = cycle_ticks(passed, sleepUs, last - now, carry);
+        carry = cycle.carry;
+        if (cycle.ticks > 0) run_hooks(cycle.ticks);
+    }
+}
+
 int tickhook_count() {
     int n = 0;
     for ([[maybe_unused]] tickhook& h : _hooks)
@@ -88,24 +103,7 @@ int tickhook_count() {
     return n;
 }
 
-bool set_quitting(u32 value, bool withLocks) {
-    if (withLocks) {
-        MutexGuard rel(reltm_index_lock());
-        MutexGuard abs(abstm_index_lock());
-        if (!rel.locked() || !abs.locked()) return false; // GCOVR_EXCL_BR_LINE: see MutexGuard
-        return set_quitting(value, false);
-    }
-    __atomic_store_n(&g_timer_quiting, static_cast<s32>(value), __ATOMIC_RELEASE);
-    return true;
-}
-
-} // namespace qosa::timer
-
-extern "C" {
-
-// ---- Tick hooks and service flags ----
-
-u32 petimer_register_tickhook(petimer_tickhook_fn hook, s64 period) {
+u32 register_tickhook(petimer_tickhook_fn hook, s64 period) {
     if (hook == nullptr || period < 1) return EINVAL;
     auto* h = QOSA_ALLOC_OF(tickhook);
     if (h == nullptr) {
@@ -116,7 +114,7 @@ u32 petimer_register_tickhook(petimer_tickhook_fn hook, s64 period) {
     return 0;
 }
 
-u32 petimer_deregister_tickhook(petimer_tickhook_fn hook) {
+u32 deregister_tickhook(petimer_tickhook_fn hook) {
     if (hook == nullptr) return EINVAL;
     for (tickhook& h : _hooks) {
         if (h.hook == hook) {
@@ -128,84 +126,51 @@ u32 petimer_deregister_tickhook(petimer_tickhook_fn hook) {
     return 0;
 }
 
-u32 petimer_isQuiting(void) { return static_cast<u32>(quitting()); }
+u32 quitting() { return static_cast<u32>(__atomic_load_n(&g_timer_quiting, __ATOMIC_ACQUIRE)); }
 
-pthread_t petimer_getTreadId(void) { return __atomic_load_n(&g_timerThrId, __ATOMIC_ACQUIRE); }
+void store_quitting(u32 value) { __atomic_store_n(&g_timer_quiting, static_cast<s32>(value), __ATOMIC_RELEASE); }
 
-void petimer_setTreadId(pthread_t tid) { __atomic_store_n(&g_timerThrId, tid, __ATOMIC_RELEASE); }
+pthread_t thread_id() { return __atomic_load_n(&g_timerThrId, __ATOMIC_ACQUIRE); }
 
-void petimer_setQuitingFlag(u32 value, s32 withLocks) { qosa::timer::set_quitting(value, withLocks != 0); }
+void set_thread_id(pthread_t tid) { __atomic_store_n(&g_timerThrId, tid, __ATOMIC_RELEASE); }
 
-// ---- The timer thread ----
-
-// The start under s_tmr_instance_mutex; *started tells that this call set
-// the service up.
-static u32 start_locked(pthread_t* outTid, const pthread_attr_t* attr, bool* started) {
-    MutexGuard lock(&s_tmr_instance_mutex);
-    if (!lock.locked()) return QOSA_ERROR; // GCOVR_EXCL_BR_LINE: see MutexGuard
-    if (qosa::timer::service_set_up() == 1) return 0;
-    // A stop is still winding down: a thread started now would end at once.
-    if (quitting() != 0) return QOSA_ERROR;
-    // The absolute set-up registers its hook first and the relative set-up
-    // second; registration adds at the front, so the relative pass runs
-    // first in every cycle.
-    if (u32 ret = init_abstm(); ret != 0) return ret;
-    if (u32 ret = init_reltm(); ret != 0) {
-        delinit_abstm();
-        return ret;
-    }
-    pthread_t tid{};
-    s32 created = QOSA_PthreadCreate(&tid, attr, petimer_proc, nullptr);
-    if (created != 0) {
-        delinit_reltm();
-        delinit_abstm();
-        tid = pthread_t{};
-    }
-    if (outTid != nullptr) *outTid = tid;
-    petimer_setTreadId(tid);
-    if (created != 0) return static_cast<u32>(created);
-    __atomic_store_n(&s_tmr_init, u8{1}, __ATOMIC_RELEASE);
-    *started = true;
-    return 0;
+void vdebug(const char* fmt, va_list args) {
+    QOSA_TimerDebugProc fn = __atomic_load_n(&g_pfnTimerDebug, __ATOMIC_ACQUIRE);
+    if (fn == nullptr || fmt == nullptr) return;
+    char text[512] = {};
+    if (vsprintf_s(text, sizeof text, fmt, args) != -1) fn(text);
 }
 
-u32 petimer_start(pthread_t* outTid, const pthread_attr_t* attr) {
-    bool started = false;
-    u32 ret = start_locked(outTid, attr, &started);
-    // Traced after the start lock is released: the trace receiver may itself
-    // create a timer, which goes through this function again.
-    if (started) qosa_timer_debug("Timer initialize success.\n");
-    return ret;
+void debug(const char* fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    vdebug(fmt, args);
+    va_end(args);
 }
 
-s32 petimer_stop(pthread_t tid) {
-    s32 ret = QOSA_PthreadJoin(tid, nullptr);
-    MutexGuard lock(&s_tmr_instance_mutex);
-    if (!lock.locked()) return -1; // GCOVR_EXCL_BR_LINE: see MutexGuard
-    __atomic_store_n(&s_tmr_init, u8{0}, __ATOMIC_RELEASE);
-    return ret;
+} // namespace qosa::timer
+
+extern "C" {
+
+u32 petimer_register_tickhook(petimer_tickhook_fn hook, s64 period) {
+    return qosa::timer::register_tickhook(hook, period);
 }
 
-void* petimer_proc(void*) {
-    u32 last = QOSA_GetSysRunTime();
-    s64 carry = 0;
-    while (quitting() == 0) {
-        u32 now = QOSA_GetSysRunTime();
-        u32 passed = now - last;
-        u32 sleepUs = qosa::timer::sleep_us(passed);
-        qosa::clock::sleep_ns(s64{sleepUs} * qosa::clock::kNsPerUs);
-        last = QOSA_GetSysRunTime();
-        auto cycle = qosa::timer::cycle_ticks(passed, sleepUs, last - now, carry);
-        carry = cycle.carry;
-        if (cycle.ticks > 0) run_hooks(cycle.ticks);
-    }
-    // Every request queued before the stop still runs; then every timer goes.
-    reltmr_post_tasklet();
-    abstmr_post_tasklet();
-    delinit_reltm();
-    delinit_abstm();
-    petimer_setTreadId(pthread_t{});
-    return nullptr;
+u32 petimer_deregister_tickhook(petimer_tickhook_fn hook) { return qosa::timer::deregister_tickhook(hook); }
+
+u32 petimer_isQuiting(void) { return qosa::timer::quitting(); }
+
+pthread_t petimer_getTreadId(void) { return qosa::timer::thread_id(); }
+
+void petimer_setTreadId(pthread_t tid) { qosa::timer::set_thread_id(tid); }
+
+void QOSA_TimerRegDebugTrace(QOSA_TimerDebugProc fn) { __atomic_store_n(&g_pfnTimerDebug, fn, __ATOMIC_RELEASE); }
+
+void qosa_timer_debug(const char* fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    qosa::timer::vdebug(fmt, args);
+    va_end(args);
 }
 
 } // extern "C"

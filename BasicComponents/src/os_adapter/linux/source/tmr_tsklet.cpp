@@ -16,6 +16,7 @@
 
 #include "internal/common.h"
 #include "internal/ilist.h"
+#include "internal/lock.h"
 #include "internal/timer_service.h"
 #include "internal/tracked.h"
 #include "qosa_timer.h"
@@ -94,19 +95,19 @@ bool tsklet_post(tsklet_head* q, OwnedTasklet* t, tsklet_fn fn, void* arg, Queue
 static_assert(offsetof(tsklet_head, next) == offsetof(Link, next) && offsetof(tsklet, next) == offsetof(Link, next));
 static_assert(offsetof(tsklet_head, prev) == offsetof(Link, prev) && offsetof(tsklet, prev) == offsetof(Link, prev));
 
-extern "C" {
+namespace qosa::timer {
 
-s32 tsklet_init(tsklet_head* q) {
+s32 queue_init(tsklet_head* q) {
     if (q == nullptr) return -1;
     qosa::ilist::make_ring(ring(q));
-    return QOSA_MutexInit(&q->lock, nullptr);
+    return qosa::lock::init(&q->lock, nullptr);
 }
 
-u32 tsklet_invokelater(tsklet_head* q, tsklet_fn fn, void* arg) { return enqueue(q, fn, arg, QueueAt::back); }
+u32 queue_later(tsklet_head* q, tsklet_fn fn, void* arg) { return enqueue(q, fn, arg, QueueAt::back); }
 
-u32 tsklet_invokefirst(tsklet_head* q, tsklet_fn fn, void* arg) { return enqueue(q, fn, arg, QueueAt::front); }
+u32 queue_first(tsklet_head* q, tsklet_fn fn, void* arg) { return enqueue(q, fn, arg, QueueAt::front); }
 
-s32 tsklet_invokeall(tsklet_head* q) {
+s32 queue_drain(tsklet_head* q) {
     Link* l = nullptr;
     if (q == nullptr || !detach(q, &l)) return -1;
     while (l != nullptr) {
@@ -119,7 +120,7 @@ s32 tsklet_invokeall(tsklet_head* q) {
     return 0;
 }
 
-u32 tsklet_delinit(tsklet_head* q) {
+u32 queue_discard(tsklet_head* q) {
     Link* l = nullptr;
     if (q == nullptr) return EINVAL;
     // A queue that cannot be locked is left as it is.
@@ -129,8 +130,22 @@ u32 tsklet_delinit(tsklet_head* q) {
         l = l->next;
         if (allocated(t)) QOSA_RELEASE(t);
     }
-    QOSA_MutexDestroy(&q->lock);
+    qosa::lock::destroy(&q->lock);
     return 0;
 }
+
+} // namespace qosa::timer
+
+extern "C" {
+
+s32 tsklet_init(tsklet_head* q) { return qosa::timer::queue_init(q); }
+
+u32 tsklet_invokelater(tsklet_head* q, tsklet_fn fn, void* arg) { return qosa::timer::queue_later(q, fn, arg); }
+
+u32 tsklet_invokefirst(tsklet_head* q, tsklet_fn fn, void* arg) { return qosa::timer::queue_first(q, fn, arg); }
+
+s32 tsklet_invokeall(tsklet_head* q) { return qosa::timer::queue_drain(q); }
+
+u32 tsklet_delinit(tsklet_head* q) { return qosa::timer::queue_discard(q); }
 
 } // extern "C"

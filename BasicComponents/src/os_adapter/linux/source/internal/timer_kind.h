@@ -48,7 +48,7 @@ struct Kind {
     // ---- under the index lock ----
 
     // The service check: set up and not quitting.
-    static bool accepting() { return up && petimer_isQuiting() == 0; }
+    static bool accepting() { return up && quitting() == 0; }
     // The record of a handle that passes the handle test while requests are taken.
     static Record* live(void* h) { return accepting() ? static_cast<Record*>(index.live(h)) : nullptr; }
     static void** slot_of(const Record* t) { return index.slot_of(t->index, t); }
@@ -81,17 +81,17 @@ struct Kind {
     // step returns its code and leaves nothing behind.
     template <class Own, class Unown>
     static u32 set_up(petimer_tickhook_fn pass, s64 period, Own own, Unown unown, u32 line, const char* file) {
-        if (s32 r = tsklet_init(&queue); r != 0) return static_cast<u32>(r);
+        if (s32 r = queue_init(&queue); r != 0) return static_cast<u32>(r);
         u32 ret = build_index(line, file);
         if (ret == 0) {
             if ((ret = own()) == 0) {
-                if ((ret = petimer_register_tickhook(pass, period)) == 0 && (ret = set_up_flag(true)) != 0)
-                    petimer_deregister_tickhook(pass); // GCOVR_EXCL_LINE: see MutexGuard
+                if ((ret = register_tickhook(pass, period)) == 0 && (ret = set_up_flag(true)) != 0)
+                    deregister_tickhook(pass); // GCOVR_EXCL_LINE: see MutexGuard
                 if (ret != 0) unown();
             }
             if (ret != 0) drop_index(line, file);
         }
-        if (ret != 0) tsklet_delinit(&queue);
+        if (ret != 0) queue_discard(&queue);
         return ret;
     }
 
@@ -102,17 +102,17 @@ struct Kind {
     template <class EachRunning>
     static void tear_down(petimer_tickhook_fn pass, EachRunning each_running, u32 line, const char* file) {
         if (set_up_flag(false) != 0) return; // GCOVR_EXCL_BR_LINE: see MutexGuard
-        tsklet_invokeall(&queue);
+        queue_drain(&queue);
         {
             // Held throughout, so no caller's handle test falls in the middle.
             Guard g(&lock);
             if (!g.locked()) return; // GCOVR_EXCL_BR_LINE: see MutexGuard
-            tsklet_delinit(&queue);
+            queue_discard(&queue);
             each_running(drop);
             index.each_record([](void**, void* t) { drop(static_cast<Record*>(t)); });
             index.drop(line, file);
         }
-        petimer_deregister_tickhook(pass);
+        deregister_tickhook(pass);
     }
 
     // ---- callers ----
@@ -152,7 +152,7 @@ struct Kind {
             Guard g(&lock);
             if (Record* t = g.locked() ? live(h) : nullptr; t != nullptr) {
                 filled(t);
-                ret = tsklet_invokelater(&queue, fn, req);
+                ret = queue_later(&queue, fn, req);
             }
         }
         if (ret != 0) release(req);
@@ -180,7 +180,7 @@ struct Kind {
         Guard g(&lock);
         Record* t = g.locked() ? live(h) : nullptr;
         if (t == nullptr) return EINVAL;
-        u32 ret = tsklet_invokelater(&queue, run_free, t);
+        u32 ret = queue_later(&queue, run_free, t);
         if (ret == 0) freed_slot(static_cast<void**>(h));
         return ret;
     }

@@ -1,10 +1,23 @@
-// What the timer units share beyond the exported interface.
+// What the timer units share beyond the exported interface: the calls they
+// make of one another (each exported timer function is a shell over one of
+// these, so the library's own calls bind inside it) and the pieces of the
+// mechanism that more than one unit needs.
 //
-// Set-up and teardown: init_abstm / init_reltm leave nothing behind when they
-// fail (no hook, no queue, no index); delinit_abstm / delinit_reltm undo a
-// completed set-up and are also called by petimer_start when a later step
-// fails, before any timer thread exists.
+// The units, bottom up: tmr_tsklet (the request queues), tmr_petimer (the
+// tick loop, the tick hooks, the service flags, the debug trace), the kinds
+// tmr_pereltm and tmr_peabstm, tmr_interface (the service's start and stop,
+// which sets the kinds up and down, and the public calls), tmr_group.
+//
+// Set-up and teardown: rel_set_up / abs_set_up leave nothing behind when they
+// fail (no hook, no queue, no index); rel_tear_down / abs_tear_down undo a
+// completed set-up and are also called by the start when a later step fails,
+// before any timer thread exists.
 #pragma once
+
+#include <pthread.h>
+
+#include <cstdarg>
+#include <ctime>
 
 #include "qosa_lock.h"
 #include "qosa_timer.h"
@@ -12,14 +25,68 @@
 
 namespace qosa::timer {
 
-// 1 while the service is set up and its thread was created (tmr_petimer).
-u8 service_set_up();
+// ---- Request queues (tmr_tsklet): the tsklet_* calls ----
 
+s32 queue_init(tsklet_head* q);                           // tsklet_init
+u32 queue_later(tsklet_head* q, tsklet_fn fn, void* arg); // tsklet_invokelater
+u32 queue_first(tsklet_head* q, tsklet_fn fn, void* arg); // tsklet_invokefirst
+s32 queue_drain(tsklet_head* q);                          // tsklet_invokeall
+u32 queue_discard(tsklet_head* q);                        // tsklet_delinit
+
+// ---- The tick loop, the hooks and the flags (tmr_petimer) ----
+
+u32 register_tickhook(petimer_tickhook_fn hook, s64 period); // petimer_register_tickhook
+u32 deregister_tickhook(petimer_tickhook_fn hook);           // petimer_deregister_tickhook
+u32 quitting();                                              // petimer_isQuiting
+void store_quitting(u32 value);                              // the flag alone, no lock taken
+pthread_t thread_id();                                       // petimer_getTreadId
+void set_thread_id(pthread_t tid);                           // petimer_setTreadId
+// Hands the ticks of every 10-ms cycle to the hooks until the quitting flag is set.
+void tick_until_quitting();
+// The debug trace (qosa_timer_debug): the text goes to the registered
+// receiver, when there is one and the text fits in 511 bytes.
+void vdebug(const char* fmt, va_list args);
+void debug(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// ---- Relative timers (tmr_pereltm): the petimer_*reltimer* calls ----
+
+u32 rel_set_up();                                                             // init_reltm
+void rel_tear_down();                                                         // delinit_reltm
+s32 rel_drain();                                                              // reltmr_post_tasklet
+void* rel_create(QOSA_TimerProc proc, u32 mode);                              // petimer_create_reltimer
+u32 rel_start(void* h, u32 intervalMs, void* arg);                            // petimer_start_reltimer
+u32 rel_stop(void* h, QOSA_TimerDoneProc done, void* doneArg);                // petimer_stop_reltimer_safe
+u32 rel_stop_ex(void* h, QOSA_TimerDoneProc done, void* doneArg, void** out); // petimer_stop_reltimer_safeEx
+u32 rel_free(void* h);                                                        // petimer_free_reltimer
+u32 rel_free_arg(void* block);                                                // petimer_free_reltimerarg_safe
+u32 rel_start_simple(u32 intervalMs, QOSA_TimerProc proc, void* arg);         // petimer_start_reltimer_simple
+QosaMutex* reltm_index_lock();
+
+// ---- Absolute timers (tmr_peabstm): the petimer_*abstimer* calls ----
+
+u32 abs_set_up();                                                             // init_abstm
+void abs_tear_down();                                                         // delinit_abstm
+s32 abs_drain();                                                              // abstmr_post_tasklet
+void* abs_create(QOSA_TimerProc proc, u32 mode);                              // petimer_create_abstimer
+u32 abs_start(void* h, const struct tm* when, void* arg);                     // petimer_start_abstimer
+u32 abs_stop(void* h, QOSA_TimerDoneProc done, void* doneArg);                // petimer_stop_abstimer_safe
+u32 abs_stop_ex(void* h, QOSA_TimerDoneProc done, void* doneArg, void** out); // petimer_stop_abstimer_safeEx
+u32 abs_free(void* h);                                                        // petimer_free_abstimer
+QosaMutex* abstm_index_lock();
+
+// ---- The service (tmr_interface) ----
+
+u32 service_start(pthread_t* outTid, const pthread_attr_t* attr); // petimer_start
+s32 service_stop(pthread_t tid);                                  // petimer_stop
+// 1 while the service is set up and its thread was created.
+u8 service_set_up();
 // Stores the quitting flag, with both index locks held (relative first) when
 // withLocks; false (nothing stored) when a lock cannot be taken.
 bool set_quitting(u32 value, bool withLocks);
-QosaMutex* reltm_index_lock();
-QosaMutex* abstm_index_lock();
+// QOSA_CreateRelTimerM: starts the service and counts the timer in.
+void* create_rel_timer(QOSA_TimerProc proc, u32 mode, u32 line, const char* file);
+
+// ---- The live counts ----
 
 // The live count of a kind of timer, changed only here: a create reserves a
 // unit before the timer exists (so concurrent creates never pass the limit)
