@@ -59,8 +59,7 @@
 
 namespace {
 
-using qosa::ilist::Link;
-using qosa::ilist::List;
+using namespace qosa::ilist;
 using namespace qosa::sync;
 
 // Longest message kept in a node of its queue's own size while tracking is
