@@ -281,8 +281,7 @@ namespace {
 class TrackedBlock {
   public:
     TrackedBlock(u32 size, u32 line)
-        : size_(size), line_(line), p_(static_cast<char*>(qosa::tracked::alloc(size, line, QOSA_UNIT_NAME))) {
-    }
+        : size_(size), line_(line), p_(static_cast<char*>(qosa::tracked::alloc(size, line, QOSA_UNIT_NAME))) {}
     ~TrackedBlock() {
         if (p_ != nullptr) qosa::tracked::release(p_, line_, QOSA_UNIT_NAME);
     }
