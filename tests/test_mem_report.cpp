@@ -9,12 +9,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "internal/mem_table.h"
 #include "qosa_mem.h"
+#include "support.h"
 
 namespace {
 
@@ -122,8 +122,8 @@ TEST_F(MemReports, ScanAndSelfCheck) {
     lost[-8] ^= 0x7F; // the slot number in front of the block
     Pieces scan = printed(QOSA_MemGetMemScan);
     ASSERT_EQ(scan.size(), 1 + (logged + 23) / 24 + 1);
-    EXPECT_EQ(records(scan[0]), 1) << "the block whose slot number was overwritten is skipped";
-    EXPECT_NE(scan[0].find(" scan.c                          SD    Down "), std::string::npos);
+    EXPECT_TRUE(records(scan[0]) == 1 && scan[0].find(" scan.c                          SD    Down ") != scan[0].npos)
+        << "the block whose slot number was overwritten is skipped";
     EXPECT_EQ(scan.back(), "\n\rCurrent mem exception record cnt:       " + std::to_string(1 + logged) +
                                "\n\rError info ID introduction:\n\r1: down overflow 2: up overflow 3: down/up overflow "
                                "4: release mem addr not from malloc 5: release local mem addr\n\r6: release err mem of "
@@ -134,8 +134,7 @@ TEST_F(MemReports, ScanAndSelfCheck) {
     down[5] = static_cast<char>(0xED);
     lost[-8] ^= 0x7F;
     QOSA_MEM_REC_S* none = nullptr;
-    EXPECT_EQ(sysMemScanErrMemInfo(&none), 0u);
-    EXPECT_EQ(none, nullptr) << "nothing damaged, no copy";
+    EXPECT_TRUE(sysMemScanErrMemInfo(&none) == 0 && none == nullptr) << "nothing damaged, no copy";
 }
 
 // The only test that writes files: the dumps go to /data, made here when missing.
@@ -145,18 +144,14 @@ TEST_F(MemReports, DumpFiles) {
     if (access("/data", W_OK) != 0) GTEST_SKIP() << "/data cannot be written";
     const char *recPath = "/data/mem_rec.txt", *oomPath = "/data/out_of_memery.txt";
     bool hadRec = access(recPath, F_OK) == 0;
-    auto read = [](const char* path) {
-        std::stringstream s;
-        s << std::ifstream(path, std::ios::binary).rdbuf();
-        return s.str();
-    };
+    using qosa_test::slurp;
     char* down = keep(5, "a/dump.c", QOSA_MEM_FIXED);
     keep(64);
     down[5] = 0; // found by the self-check run first
     sysMemLogMemErr(reinterpret_cast<void*>(0x1000), 3, "err.c", 9, 0, QOSA_MEM_NOT_FOUND);
     std::ofstream(recPath) << "stale";
     EXPECT_EQ(printed(QOSA_MemGetMemoryUseMonitor), Pieces{"Save to /data/mem_rec.txt"});
-    std::string text = read(recPath), tid = std::to_string(static_cast<u32>(pthread_self())) + "\r\n";
+    std::string text = slurp(recPath), tid = std::to_string(static_cast<u32>(pthread_self())) + "\r\n";
     EXPECT_EQ(text.substr(0, text.find("-------ErrMem")),
               "\r\n-------MemInfo 2----\r\n" + kHeader +
                   "0        5          100   dump.c                          Fixed    Down      " + tid +
@@ -168,7 +163,7 @@ TEST_F(MemReports, DumpFiles) {
 
     std::remove(oomPath);
     EXPECT_EQ(QOSA_MemTypeMallocD(0xFFFFFFFFu, QOSA_MEM_DYN, 12, "x/oom.c"), nullptr);
-    std::string oom = read(oomPath);
+    std::string oom = slurp(oomPath);
     EXPECT_NE(oom.find("-------MemInfo 2----"), oom.npos) << "the first failure dumps both tables";
     EXPECT_NE(oom.find("4294967295 12    oom.c                           Dyn    NoMem"), oom.npos);
     std::remove(oomPath);

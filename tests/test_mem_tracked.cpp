@@ -1,4 +1,5 @@
-// The tracker with tracking on: guards, error records, slots, realloc, threads.
+// The tracker with tracking on: guards, error records, slots, realloc, threads,
+// and the blocks other units take through it.
 #include <gtest/gtest.h>
 
 #include <sys/mman.h>
@@ -21,6 +22,8 @@
 #include "internal/mem_table.h"
 #include "qosa_file.h"
 #include "qosa_mem.h"
+#include "qosa_stat.h"
+#include "support.h"
 
 namespace {
 
@@ -89,9 +92,9 @@ TEST_F(MemTracked, DamagedAndForeignBlocks) {
         if (tail) q[size] ^= 1; // an unaligned tail guard for 4089 and 5
         EXPECT_EQ(MemFreeMem("other.c", 1, q, 0), result) << size;
         const QOSA_MEM_REC_S& e = last_error(); // where it was allocated
-        EXPECT_TRUE(e.pAddr == q && e.ulSize == size && e.ulStatus == result);
-        EXPECT_TRUE(e.ulLine == 77 && e.ulType == QOSA_MEM_SD);
-        EXPECT_STREQ(e.pFile, "tracked_unit.c");
+        EXPECT_TRUE(e.pAddr == q && e.ulSize == size && e.ulStatus == result && e.ulLine == 77 &&
+                    e.ulType == QOSA_MEM_SD && std::string(e.pFile) == "tracked_unit.c")
+            << size;
         q[0] = 'y'; // kept allocated, but no longer live
         EXPECT_TRUE(release(q) == 0 && last_error().ulStatus == QOSA_MEM_NOT_FOUND);
     }
@@ -99,14 +102,13 @@ TEST_F(MemTracked, DamagedAndForeignBlocks) {
     u32 errors = T.ulErrCnt;
     EXPECT_EQ(MemFreeMem("/x/freeing.c", 55, p + 4, QOSA_MEM_IS), 0u);
     const QOSA_MEM_REC_S& f = last_error(); // where it was freed
-    EXPECT_TRUE(T.ulErrCnt == errors + 1 && f.pAddr == p + 4 && f.ulLine == 55 && f.ulType == QOSA_MEM_IS);
-    EXPECT_STREQ(f.pFile, "freeing.c");
+    EXPECT_TRUE(T.ulErrCnt == errors + 1 && f.pAddr == p + 4 && f.ulLine == 55 && f.ulType == QOSA_MEM_IS &&
+                std::string(f.pFile) == "freeing.c");
     QOSA_MemTypeFreeD(nullptr, QOSA_MEM_DYN, __LINE__, kFile);
     EXPECT_EQ(T.ulErrCnt, errors + 1) << "NULL is no error";
     // Nothing is mapped in front of a pointer at the start of a mapping.
     auto* pages = static_cast<char*>(mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    ASSERT_NE(pages, MAP_FAILED);
-    ASSERT_EQ(munmap(pages, 4096), 0);
+    ASSERT_TRUE(pages != MAP_FAILED && munmap(pages, 4096) == 0);
     EXPECT_TRUE(release(pages + 4096) == 0 && last_error().pAddr == pages + 4096);
     munmap(pages + 4096, 4096);
     EXPECT_EQ(sysMemCheckUserAddr(p), &rec_of(p));
@@ -141,10 +143,8 @@ TEST_F(MemTracked, Reallocation) {
     ASSERT_NE(grown, nullptr) << "the shrunk block's tail guard is intact";
     EXPECT_EQ(std::string(grown, 8), "01234567");
     EXPECT_EQ(MemReAllocMem(kFile, __LINE__, grown, 0), nullptr) << "size 0 releases";
-    void* empty = MemReAllocMem(kFile, __LINE__, nullptr, 0);
-    ASSERT_NE(empty, nullptr);
-    void* fromEmpty = MemReAllocMem(kFile, __LINE__, empty, 16);
-    EXPECT_NE(fromEmpty, nullptr) << "nothing to copy is a successful copy";
+    void* fromEmpty = MemReAllocMem(kFile, __LINE__, MemReAllocMem(kFile, __LINE__, nullptr, 0), 16);
+    EXPECT_NE(fromEmpty, nullptr) << "a block of 0 bytes, then nothing to copy is a successful copy";
     EXPECT_EQ(T.ulErrCnt, errors_);
 
     char* damaged = alloc(6);
@@ -180,7 +180,7 @@ TEST_F(MemTracked, ConcurrentUseKeepsTheTableConsistent) {
     EXPECT_EQ(T.ulErrCnt, errors_);
 }
 
-// Memory the file utilities take for themselves goes back, the platform's malloc without an error record.
+// What the file utilities take for themselves goes back, the platform's malloc without an error record.
 TEST_F(MemTracked, PathUtilitiesLeaveNothingBehind) {
     char dir[] = "/tmp/qosa-tracked-XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
@@ -193,6 +193,36 @@ TEST_F(MemTracked, PathUtilitiesLeaveNothingBehind) {
     QOSA_DestoryNameList(list, static_cast<u32>(n));
     EXPECT_EQ(T.ulErrCnt, errors_);
     EXPECT_EQ(std::system((std::string("rm -rf ") + dir).c_str()), 0);
+}
+
+// Every statistics result array is a live, undamaged block of the statistics
+// unit; no call, failing ones included, leaves a working array behind.
+TEST_F(MemTracked, StatisticsResultArrays) {
+    const std::string me = qosa_test::name_self("qosatrack" + std::to_string(getpid()));
+    auto take = [](void* p, u32 bytes) {
+        const QOSA_MEM_REC_S* rec = sysMemCheckUserAddr(p);
+        ASSERT_NE(rec, nullptr) << "not a tracked block";
+        EXPECT_TRUE(std::string(rec->pFile) == "os_run_config.c" && rec->ulSize >= bytes &&
+                    rec->ulStatus == QOSA_MEM_GOOD)
+            << rec->pFile << " " << rec->ulSize << " " << bytes;
+        QOSA_MemTypeFreeD(p, QOSA_MEM_DYN, __LINE__, __FILE__);
+    };
+    u32 n = 0, total = 0, free = 0, r = 1;
+    QOSA_OS_PROC_INFO_S* procs = nullptr;
+    ASSERT_EQ(QOSA_OS_GetMEMAllocRate(&total, &free, &n, &procs), 0u);
+    take(procs, n * sizeof *procs);
+    for (int attempt = 0; attempt < 5 && r == 1; ++attempt) // a process may exit during the first scan
+        r = QOSA_OS_GetCPUBusyRate(&n, &procs);
+    ASSERT_EQ(r, 0u);
+    take(procs, n * sizeof *procs);
+    QOSA_OS_THREAD_INFO_S* threads = nullptr;
+    ASSERT_EQ(QOSA_OS_GetProcThread(me.c_str(), &n, &threads), 0u);
+    take(threads, n * sizeof *threads);
+    EXPECT_EQ(QOSA_OS_GetProcThread("no-such-process-name", &n, &threads), 2u);
+    QOSA_OS_PROC_INFO_S busy{};
+    procs = &busy; // a result pointer already set
+    EXPECT_EQ(QOSA_OS_GetMEMAllocRate(&total, &free, &n, &procs), 3u);
+    EXPECT_EQ(T.ulErrCnt, errors_) << "a release went wrong";
 }
 
 // Fills the error table: keep this test last, later error records are dropped.
