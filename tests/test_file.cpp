@@ -38,7 +38,7 @@ void write_file(const std::string& p, const std::string& content) {
 }
 } // namespace
 
-TEST(FileSize, ToldUpToTheLargest32BitSizeAndLeftAloneBeyond) {
+TEST(QOSA_GetFileSize, ToldUpToTheLargest32BitSizeAndLeftAloneBeyond) {
     TempDir dir;
     const std::string f = dir / "sparse";
     write_file(f, "12345");
@@ -54,7 +54,7 @@ TEST(FileSize, ToldUpToTheLargest32BitSizeAndLeftAloneBeyond) {
     }
 }
 
-TEST(FileStatus, EveryFieldInWholeSecondsAndNothingWrittenOnFailure) {
+TEST(QOSA_Stat, AndFStatFillEveryFieldInWholeSecondsOrNothing) {
     TempDir dir;
     const std::string f = dir / "status";
     write_file(f, std::string(1234, 'x'));
@@ -74,7 +74,7 @@ TEST(FileStatus, EveryFieldInWholeSecondsAndNothingWrittenOnFailure) {
     EXPECT_TRUE(QOSA_FStat(fd, &byFd) == 0xFFFFFFFFu && errno == EBADF) << "closed descriptor";
 }
 
-TEST(FileMkDirP, CreatesEveryLevelWhateverTheSeparators) {
+TEST(QOSA_MkDir_P, CreatesEveryLevelWhateverTheSeparators) {
     TempDir dir;
     char old[PATH_MAX];
     ASSERT_NE(QOSA_GetCwd(old, sizeof old), nullptr);
@@ -91,7 +91,7 @@ TEST(FileMkDirP, CreatesEveryLevelWhateverTheSeparators) {
     EXPECT_EQ(fs::status(dir / "d1/d2").permissions(), fs::perms::owner_all);
 }
 
-TEST(FileRelPath, ResolvesAndNeedsRoomForTheTerminator) {
+TEST(QOSA_RelPath, ResolvesAndNeedsRoomForTheTerminator) {
     TempDir dir;
     ASSERT_EQ(QOSA_MkDir_P((dir / "real/sub").c_str(), 0755), 0);
     fs::create_directory_symlink(dir / "real", dir / "link");
@@ -104,7 +104,7 @@ TEST(FileRelPath, ResolvesAndNeedsRoomForTheTerminator) {
     EXPECT_EQ(QOSA_RelPath((dir / "missing").c_str(), out, sizeof out), 1);
 }
 
-TEST(FileCopy, CopiesWholeFilesAndReportsEveryFailure) {
+TEST(QOSA_CopyFile, CopiesWholeFilesAndReportsEveryFailure) {
     TempDir dir;
     const std::string src = dir / "src", dst = dir / "dst";
     std::string content; // three chunks and a bit, no two alike
@@ -137,7 +137,7 @@ TEST(FileDescriptors, OffsetsAndLengthsKeepTheirSign) {
     EXPECT_TRUE(QOSA_CloseHandle(fd) == 0 && QOSA_CloseHandle(fd) == -1);
 }
 
-TEST(FileListing, FilteredInVersionOrderAndEveryListReleased) {
+TEST(QOSA_ScanDir, FilteredInVersionOrderAndEveryListReleased) {
     TempDir dir;
     for (const char* name : {"file10", "file2", "File1", "file1"})
         write_file(dir / name, "");

@@ -132,7 +132,7 @@ TEST(StatText, CpuLineRatesAndMeminfo) {
     EXPECT_EQ(total, 0xFFFFFFFFu) << "saturated, and set before MemFree is looked for";
 }
 
-TEST(CpuBusyRate, MachineAndThisProcessWithTwoThreadsSpinning) {
+TEST(QOSA_OS_GetCPUBusyRate, MachineAndThisProcessWithTwoThreadsSpinning) {
     std::jthread spin1(spin), spin2(spin);
     u32 rate = 12345;
     ASSERT_EQ(QOSA_OS_GetCPUBusyRateAll(&rate), 0u);
@@ -142,7 +142,7 @@ TEST(CpuBusyRate, MachineAndThisProcessWithTwoThreadsSpinning) {
     EXPECT_TRUE(share > 0 || qosa_test::kUnderEmulator) << "the box is shared: any share of it (none under qemu)";
 }
 
-TEST(MemAllocRate, AgainstMeminfoAndOwnStat) {
+TEST(QOSA_OS_GetMEMAllocRate, AgainstMeminfoAndOwnStat) {
     char name[kNameMax + 1];
     u32 total = 0, free = 0, kTotal = 0, kFree = 0, expected = 0; // vsize + rss
     ASSERT_EQ(stat_pair(slurp("/proc/self/stat").c_str(), 23, name, &expected), 0u);
@@ -154,7 +154,7 @@ TEST(MemAllocRate, AgainstMeminfoAndOwnStat) {
     EXPECT_LT(std::abs(static_cast<s32>(free - kFree)), static_cast<s32>(kTotal / 20));
 }
 
-TEST(ProcThread, ThisProcessListsExactlyItsTasks) {
+TEST(QOSA_OS_GetProcThread, ThisProcessListsExactlyItsTasks) {
     std::jthread extra1(spin), extra2(spin), extra3(spin);
     std::set<s32> tasks;
     for (const auto& e : std::filesystem::directory_iterator("/proc/self/task"))
@@ -179,7 +179,7 @@ TEST(ProcThread, ThisProcessListsExactlyItsTasks) {
     EXPECT_TRUE(threads_of(g_me.substr(0, g_me.size() - 1), 2).empty()) << "a shorter name is another name";
 }
 
-TEST(ProcThread, StoppedChildGivesFourAndZombieThree) {
+TEST(QOSA_OS_GetProcThread, StoppedChildGivesFourAndZombieThree) {
     for (bool zombie : {false, true}) {
         const std::string child = (zombie ? "qz" : "qt") + std::to_string(getpid());
         const pid_t pid = fork();

@@ -23,7 +23,7 @@ TEST(String, ForwardersAndCase) {
     EXPECT_EQ(QOSA_CharToLower(0x141), 0x41) << "results are cut to a signed char";
 }
 
-TEST(String, StrToInt32) {
+TEST(QOSA_StrToInt32, ValueResultAndLastError) {
     // Every row starts with a stale range error, which must not fail a good conversion.
     const std::tuple<const char*, u32, s32> rows[] = {{"0x1F", 0, 31},
                                                       {"010", 0, 8},

@@ -37,7 +37,7 @@ const std::wstring kMixedW = L"Gr\u00FC\u00DF Gott \u03A9 \u4E16\u754C \U0001F60
 
 } // namespace
 
-TEST(Utf8Validating, DropsTheLeadByteOfEveryInvalidSequence) {
+TEST(ORV_Utf8ToUnicode, DropsTheLeadByteOfEveryInvalidSequence) {
     EXPECT_EQ(wide(""), L"") << "a block holding just the 0 unit";
     // Overlong forms, a lead whose next byte is looked at again, bytes that cannot lead, a cut sequence.
     EXPECT_EQ(wide("x\xC0\x80y\xE4\xC3\xA9\xE0\x80\x80\xF8\x80\x80\x80\x80\xFE\xFF\x80\xF0\x9F\x98z\xC3"),
@@ -48,7 +48,7 @@ TEST(Utf8Validating, DropsTheLeadByteOfEveryInvalidSequence) {
     EXPECT_EQ(take(ORV_Utf8ToUnicodeA("x\xC3\xA9\xF0\x9F\x98\x80y")), "x\xE9\xF6\x01y");
 }
 
-TEST(Utf8Check, CutsTheLastSequenceThatLeavesNoRoomForTheNul) { // a NUL inside a sequence is stepped over
+TEST(ORV_Utf8Check, CutsTheLastSequenceThatLeavesNoRoomForTheNul) { // a NUL inside a sequence is stepped over
     const std::tuple<std::string, s32, u32, const char*> cases[] = {
         {"abc", 3, 1, "ab"}, {"ab\0"s, 3, 0, "ab"}, {"a\xE4\xB8\xAD", 4, 1, "a"}, {"\xE4\0\xADz\0"s, 5, 0, "\xE4"},
         {"abc", -1, 1, ""},  {"abc", 0, 1, "abc"}};
@@ -133,7 +133,7 @@ TEST(LocaleText, AFailedSetUpDoesNotStick) {
         testing::ExitedWithCode(0), "");
 }
 
-TEST(Utf8Encoder, TheBlockIsZeroFromTheTerminatorToItsEnd) {
+TEST(ORV_UnicodeToUtf8, TheBlockIsZeroFromTheTerminatorToItsEnd) {
     const wchar_t text[] = L"a\u00E9\U0001F600"; // 7 bytes in a block of 6 * 3 + 1
     constexpr u32 kBlock = 19;
     void* dirty = QOSA_MemTypeMallocD(kBlock, 0, __LINE__, __FILE__); // leaves junk where the next block lands
