@@ -59,7 +59,7 @@ struct MemTracked : ::testing::Test {
         }
     }
     // A block released at the end, allocated at line 100, 101, ...
-    char* keep(u32 size, const char* file = "test_mem_report.cpp", u32 type = QOSA_MEM_DYN) {
+    char* keep(u32 size, const char* file = "report_unit.c", u32 type = QOSA_MEM_DYN) {
         auto* p = static_cast<char*>(QOSA_MemTypeMallocD(size, type, 100 + static_cast<u32>(blocks_.size()), file));
         blocks_.push_back(p);
         return p;
@@ -194,7 +194,7 @@ TEST_F(MemReports, DumpFiles) {
     EXPECT_EQ(text.substr(0, text.find("-------ErrMem")),
               "\r\n-------MemInfo 2----\r\n" + kHeader +
                   "0        5          100   dump.c                          Fixed    Down      " + tid +
-                  "1        64         101   test_mem_report.cpp             Dyn    Good      " + tid + "\r\n")
+                  "1        64         101   report_unit.c                   Dyn    Good      " + tid + "\r\n")
         << "written afresh";
     EXPECT_NE(text.find("\r\n-------ErrMem " + std::to_string(T.ulErrCnt) + "----\r\n" + kHeader), std::string::npos);
     EXPECT_TRUE(text.ends_with("0        3          9     err.c                           Dyn    Nofound   0\r\n"))
