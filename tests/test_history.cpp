@@ -38,13 +38,9 @@ struct History : ::testing::Test {
 
 TEST_F(History, RowsNewestFirstWithoutEmptyOperations) {
     s32 length = 0;
-    EXPECT_EQ(dump(&length), Rows{});
-    EXPECT_EQ(length, static_cast<s32>(kTitle.size()));
-    EXPECT_EQ(add(1, 0, 0x12), 0);
-    EXPECT_EQ(add(2, 9006199, 0xABCDEF01), 0);
-    EXPECT_EQ(add(0, 5, 1), 0) << "stored, not shown";
+    EXPECT_TRUE(dump(&length).empty() && length == static_cast<s32>(kTitle.size())) << length;
+    EXPECT_EQ(add(1, 0, 0x12) | add(2, 9006199, 0xABCDEF01) | add(0, 5, 1) | add(7, 4567891, 3), 0); // op 0: not shown
     EXPECT_NE(QOSA_AddOperateRec(nullptr), 0);
-    EXPECT_EQ(add(7, 4567891, 3), 0);
     EXPECT_EQ(add(-1, 1, 4), 0);
     EXPECT_EQ(dump(), (Rows{"  0000:00:00(010)  undefined 0x00000004 0x0000beef    42 worker",
                             "  0012:41:18(910)  undefined 0x00000003 0x0000beef    42 worker",
@@ -57,8 +53,9 @@ TEST_F(History, RingKeepsTheLast512AndFillsShortBuffers) {
         add(1, 0, i);
     Rows all = dump();
     ASSERT_EQ(all.size(), 512u);
-    EXPECT_NE(all.front().find("0x00000201"), std::string::npos) << "newest (513th) first";
-    EXPECT_NE(all.back().find("0x00000002"), std::string::npos) << "oldest survivor (2nd) last";
+    EXPECT_TRUE(all.front().find("0x00000201") != std::string::npos &&
+                all.back().find("0x00000002") != std::string::npos)
+        << "newest (513th) first, oldest survivor (2nd) last";
     // Room for the title and half a row: the row is cut and reported.
     s32 result = 0;
     EXPECT_EQ(dump(&result, static_cast<u32>(kTitle.size() + 20)), Rows{all[0].substr(0, 19)});

@@ -1,16 +1,22 @@
-// The tracker with tracking on: guards, error records, slots, realloc, threads.
+// The tracker with tracking on: its reports (counters, listings, sorting,
+// filter, scan, self-check, dumps), then guards, error records, slots,
+// realloc, threads, and the blocks other units take through it.
 #include <gtest/gtest.h>
 
+#include <pthread.h>
 #include <sys/mman.h>
-
-#include <csignal>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <climits>
+#include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <random>
 #include <string>
 #include <thread>
@@ -21,6 +27,8 @@
 #include "internal/mem_table.h"
 #include "qosa_file.h"
 #include "qosa_mem.h"
+#include "qosa_stat.h"
+#include "support.h"
 
 namespace {
 
@@ -41,6 +49,8 @@ struct MemTracked : ::testing::Test {
     }
     // Nothing leaked or freed twice; every used position names a slot pointing back, live ones first.
     void TearDown() override {
+        for (void* p : blocks_)
+            EXPECT_EQ(MemFreeMem(__FILE__, __LINE__, p, 0), 0u);
         EXPECT_EQ(T.ulCurCnt, live_);
         EXPECT_EQ(T.ulUserMem, bytes_);
         for (u32 p = 0; p < T.ulMaxCnt; ++p) {
@@ -48,10 +58,160 @@ struct MemTracked : ::testing::Test {
             ASSERT_TRUE(r.ulPos == p && (r.pAddr != nullptr) == (p < T.ulCurCnt)) << "position " << p;
         }
     }
+    // A block released at the end, allocated at line 100, 101, ...
+    char* keep(u32 size, const char* file = "report_unit.c", u32 type = QOSA_MEM_DYN) {
+        auto* p = static_cast<char*>(QOSA_MemTypeMallocD(size, type, 100 + static_cast<u32>(blocks_.size()), file));
+        blocks_.push_back(p);
+        return p;
+    }
     u32 live_ = 0, bytes_ = 0, errors_ = 0;
+    std::vector<void*> blocks_;
+};
+
+const std::string kHeader =
+    "\r\nRecID    Address       Length     Line File                            Type   Status     Thread\r\n";
+using Pieces = std::vector<std::string>;
+
+Pieces s_printed;
+int capture(char* text, u32 len) {
+    s_printed.emplace_back(text, len);
+    return 0;
+}
+// The pieces a report hands to its print function.
+template <class Report>
+Pieces printed(Report report) {
+    s_printed.clear();
+    EXPECT_EQ(report(capture), 0u);
+    return s_printed;
+}
+Pieces listing(u32 mode, u32 sort, const char* filter = nullptr) {
+    return printed([=](QOSA_MemPrintProc p) { return QOSA_MemGetMemRec(mode, sort, const_cast<char*>(filter), p); });
+}
+// The number of record lines in a listing piece.
+long records(const std::string& piece) {
+    EXPECT_EQ(piece.rfind(kHeader, 0), 0u) << "every piece starts with the header";
+    return std::count(piece.begin(), piece.end(), '\n') - 2;
+}
+std::string totals(u32 count, u32 bytes) {
+    return "\r\nTotal malloc mem: " + std::to_string(count) + "\r\nThis User malloc mem : " + std::to_string(bytes) +
+           " (bytes)\r\n";
+}
+
+struct MemReports : MemTracked {
+    void SetUp() override {
+        MemTracked::SetUp();
+        ASSERT_EQ(live_, 0u) << "the reports are checked against an empty table";
+    }
 };
 
 } // namespace
+
+TEST_F(MemReports, CountersAndPieces) {
+    EXPECT_EQ(listing(0, 0), Pieces{totals(0, 0)}) << "no listing call for an empty table";
+    keep(5);
+    keep(100);
+    EXPECT_EQ(printed(QOSA_MemGetMemStatus),
+              Pieces{"Current mem record cnt: 2\n\rMax mem record cnt: " + std::to_string(T.ulMaxCnt) +
+                     "\n\rMax mem record limit : 200000\n\rUser malloc mem:   108 (Bytes)\n\r"});
+    for (u32 n : {24u, 25u, 49u}) { // 24 records a piece
+        while (blocks_.size() < n)
+            keep(3);
+        Pieces pieces = listing(0, 2);
+        ASSERT_EQ(pieces.size(), (n + 23) / 24 + 1) << n << " blocks";
+        for (u32 i = 0; i + 1 < pieces.size(); ++i)
+            EXPECT_EQ(records(pieces[i]), std::min(24u, n - 24 * i));
+        EXPECT_EQ(pieces.back(), totals(n, 8 + 100 + 4 * (n - 2)));
+    }
+}
+
+TEST_F(MemReports, SortOrdersAndFilter) {
+    const std::vector<u32> sizes = {700, 20, 5000, 1, 333, 64, 9000, 2};
+    for (u32 s : sizes)
+        keep(s, s % 2 ? "src/minikarbo_queue.c" : "/a/b/Other.c");
+    auto listed = [](int sortMode, const char* filter = nullptr) {
+        QOSA_MEM_REC_S* recs = nullptr;
+        std::vector<u32> out;
+        for (u32 i = 0, n = sysMemSortMemInfo(&recs, const_cast<char*>(filter), sortMode); i < n; ++i)
+            out.push_back(recs[i].ulSize);
+        std::free(recs);
+        return out;
+    };
+    EXPECT_EQ(listed(1), (std::vector<u32>{1, 2, 20, 64, 333, 700, 5000, 9000}));
+    EXPECT_EQ(listed(2), sizes) << "unsorted: in the order allocated";
+    std::vector<void*> byAddr;
+    for (u32 s : listed(0))
+        byAddr.push_back(blocks_[std::find(sizes.begin(), sizes.end(), s) - sizes.begin()]);
+    EXPECT_TRUE(byAddr.size() == 8 && std::is_sorted(byAddr.begin(), byAddr.end()));
+    EXPECT_EQ(listed(1, "QUEUE"), (std::vector<u32>{1, 333})) << "any case";
+    EXPECT_EQ(listing(0, 1)[0].substr(kHeader.size(), 20), "3        1          ") << "sorted by size";
+    Pieces other = listing(1, 1, "other");
+    EXPECT_EQ(other[0].substr(kHeader.size(), 20), "7        2          ") << "filtered and sorted by size";
+    EXPECT_EQ(other.back(), totals(6, 700 + 20 + 5000 + 64 + 9000 + 4));
+    EXPECT_EQ(listing(1, 0, "nomatch"), Pieces{totals(0, 0)});
+    EXPECT_EQ(listing(0, 0, "nomatch").back(), totals(8, 15128)) << "mode 0 takes no filter";
+    EXPECT_EQ(listing(2, 0), Pieces{totals(0, 0)}) << "other modes list nothing";
+}
+
+TEST_F(MemReports, ScanAndSelfCheck) {
+    u32 logged = T.ulErrCnt;
+    keep(16);
+    char* down = keep(5, "scan.c", QOSA_MEM_SD);
+    char* lost = keep(7);
+    down[5] = 0;
+    lost[-8] ^= 0x7F; // the slot number in front of the block
+    Pieces scan = printed(QOSA_MemGetMemScan);
+    ASSERT_EQ(scan.size(), 1 + (logged + 23) / 24 + 1);
+    EXPECT_TRUE(records(scan[0]) == 1 && scan[0].find(" scan.c                          SD    Down ") != scan[0].npos)
+        << "the block whose slot number was overwritten is skipped";
+    EXPECT_EQ(scan.back(), "\n\rCurrent mem exception record cnt:       " + std::to_string(1 + logged) +
+                               "\n\rError info ID introduction:\n\r1: down overflow 2: up overflow 3: down/up overflow "
+                               "4: release mem addr not from malloc 5: release local mem addr\n\r6: release err mem of "
+                               "mem space 7: malloc erro size mem 8: malloc mem fail\n\r9: realloc err params\t  10: "
+                               "search ReAlloc old buffer fail\n\r");
+    EXPECT_EQ(MemSelfCheck(), 0);
+    EXPECT_NE(listing(0, 2)[0].find(" Dyn    InvaidMem "), std::string::npos);
+    down[5] = static_cast<char>(0xED);
+    lost[-8] ^= 0x7F;
+    QOSA_MEM_REC_S* none = nullptr;
+    EXPECT_TRUE(sysMemScanErrMemInfo(&none) == 0 && none == nullptr) << "nothing damaged, no copy";
+}
+
+// The only test that writes files: the dumps go to /data, made here when missing.
+TEST_F(MemReports, DumpFiles) {
+    struct stat st {};
+    bool made = stat("/data", &st) != 0 && mkdir("/data", 0755) == 0;
+    if (access("/data", W_OK) != 0) GTEST_SKIP() << "/data cannot be written";
+    const char *recPath = "/data/mem_rec.txt", *oomPath = "/data/out_of_memery.txt";
+    bool hadRec = access(recPath, F_OK) == 0;
+    using qosa_test::slurp;
+    char* down = keep(5, "a/dump.c", QOSA_MEM_FIXED);
+    keep(64);
+    down[5] = 0; // found by the self-check run first
+    sysMemLogMemErr(reinterpret_cast<void*>(0x1000), 3, "err.c", 9, 0, QOSA_MEM_NOT_FOUND);
+    std::ofstream(recPath) << "stale";
+    EXPECT_EQ(printed(QOSA_MemGetMemoryUseMonitor), Pieces{"Save to /data/mem_rec.txt"});
+    std::string text = slurp(recPath), tid = std::to_string(static_cast<u32>(pthread_self())) + "\r\n";
+    EXPECT_EQ(text.substr(0, text.find("-------ErrMem")),
+              "\r\n-------MemInfo 2----\r\n" + kHeader +
+                  "0        5          100   dump.c                          Fixed    Down      " + tid +
+                  "1        64         101   report_unit.c                   Dyn    Good      " + tid + "\r\n")
+        << "written afresh";
+    EXPECT_NE(text.find("\r\n-------ErrMem " + std::to_string(T.ulErrCnt) + "----\r\n" + kHeader), std::string::npos);
+    EXPECT_TRUE(text.ends_with("0        3          9     err.c                           Dyn    Nofound   0\r\n"))
+        << "error records in the order made";
+
+    std::remove(oomPath);
+    EXPECT_EQ(QOSA_MemTypeMallocD(0xFFFFFFFFu, QOSA_MEM_DYN, 12, "x/oom.c"), nullptr);
+    std::string oom = slurp(oomPath);
+    EXPECT_NE(oom.find("-------MemInfo 2----"), oom.npos) << "the first failure dumps both tables";
+    EXPECT_NE(oom.find("4294967295 12    oom.c                           Dyn    NoMem"), oom.npos);
+    std::remove(oomPath);
+    EXPECT_EQ(MemAllocMem("x/oom.c", 13, 0xFFFFFFF0u, 0), nullptr);
+    EXPECT_NE(access(oomPath, F_OK), 0) << "and only the first";
+    down[5] = static_cast<char>(0xED);
+    if (!hadRec) std::remove(recPath);
+    if (made) rmdir("/data");
+}
 
 TEST_F(MemTracked, BlocksEndAtTheirGuardPage) {
     auto* a = static_cast<char*>(QOSA_MemTypeMallocS(12, 0x1AB, QOSA_MEM_CACHE, 321, kFile));
@@ -89,9 +249,9 @@ TEST_F(MemTracked, DamagedAndForeignBlocks) {
         if (tail) q[size] ^= 1; // an unaligned tail guard for 4089 and 5
         EXPECT_EQ(MemFreeMem("other.c", 1, q, 0), result) << size;
         const QOSA_MEM_REC_S& e = last_error(); // where it was allocated
-        EXPECT_TRUE(e.pAddr == q && e.ulSize == size && e.ulStatus == result);
-        EXPECT_TRUE(e.ulLine == 77 && e.ulType == QOSA_MEM_SD);
-        EXPECT_STREQ(e.pFile, "tracked_unit.c");
+        EXPECT_TRUE(e.pAddr == q && e.ulSize == size && e.ulStatus == result && e.ulLine == 77 &&
+                    e.ulType == QOSA_MEM_SD && std::string(e.pFile) == "tracked_unit.c")
+            << size;
         q[0] = 'y'; // kept allocated, but no longer live
         EXPECT_TRUE(release(q) == 0 && last_error().ulStatus == QOSA_MEM_NOT_FOUND);
     }
@@ -99,14 +259,13 @@ TEST_F(MemTracked, DamagedAndForeignBlocks) {
     u32 errors = T.ulErrCnt;
     EXPECT_EQ(MemFreeMem("/x/freeing.c", 55, p + 4, QOSA_MEM_IS), 0u);
     const QOSA_MEM_REC_S& f = last_error(); // where it was freed
-    EXPECT_TRUE(T.ulErrCnt == errors + 1 && f.pAddr == p + 4 && f.ulLine == 55 && f.ulType == QOSA_MEM_IS);
-    EXPECT_STREQ(f.pFile, "freeing.c");
+    EXPECT_TRUE(T.ulErrCnt == errors + 1 && f.pAddr == p + 4 && f.ulLine == 55 && f.ulType == QOSA_MEM_IS &&
+                std::string(f.pFile) == "freeing.c");
     QOSA_MemTypeFreeD(nullptr, QOSA_MEM_DYN, __LINE__, kFile);
     EXPECT_EQ(T.ulErrCnt, errors + 1) << "NULL is no error";
     // Nothing is mapped in front of a pointer at the start of a mapping.
     auto* pages = static_cast<char*>(mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    ASSERT_NE(pages, MAP_FAILED);
-    ASSERT_EQ(munmap(pages, 4096), 0);
+    ASSERT_TRUE(pages != MAP_FAILED && munmap(pages, 4096) == 0);
     EXPECT_TRUE(release(pages + 4096) == 0 && last_error().pAddr == pages + 4096);
     munmap(pages + 4096, 4096);
     EXPECT_EQ(sysMemCheckUserAddr(p), &rec_of(p));
@@ -141,10 +300,8 @@ TEST_F(MemTracked, Reallocation) {
     ASSERT_NE(grown, nullptr) << "the shrunk block's tail guard is intact";
     EXPECT_EQ(std::string(grown, 8), "01234567");
     EXPECT_EQ(MemReAllocMem(kFile, __LINE__, grown, 0), nullptr) << "size 0 releases";
-    void* empty = MemReAllocMem(kFile, __LINE__, nullptr, 0);
-    ASSERT_NE(empty, nullptr);
-    void* fromEmpty = MemReAllocMem(kFile, __LINE__, empty, 16);
-    EXPECT_NE(fromEmpty, nullptr) << "nothing to copy is a successful copy";
+    void* fromEmpty = MemReAllocMem(kFile, __LINE__, MemReAllocMem(kFile, __LINE__, nullptr, 0), 16);
+    EXPECT_NE(fromEmpty, nullptr) << "a block of 0 bytes, then nothing to copy is a successful copy";
     EXPECT_EQ(T.ulErrCnt, errors_);
 
     char* damaged = alloc(6);
@@ -180,7 +337,7 @@ TEST_F(MemTracked, ConcurrentUseKeepsTheTableConsistent) {
     EXPECT_EQ(T.ulErrCnt, errors_);
 }
 
-// Memory the file utilities take for themselves goes back, the platform's malloc without an error record.
+// What the file utilities take for themselves goes back, the platform's malloc without an error record.
 TEST_F(MemTracked, PathUtilitiesLeaveNothingBehind) {
     char dir[] = "/tmp/qosa-tracked-XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
@@ -193,6 +350,36 @@ TEST_F(MemTracked, PathUtilitiesLeaveNothingBehind) {
     QOSA_DestoryNameList(list, static_cast<u32>(n));
     EXPECT_EQ(T.ulErrCnt, errors_);
     EXPECT_EQ(std::system((std::string("rm -rf ") + dir).c_str()), 0);
+}
+
+// Every statistics result array is a live, undamaged block of the statistics
+// unit; no call, failing ones included, leaves a working array behind.
+TEST_F(MemTracked, StatisticsResultArrays) {
+    const std::string me = qosa_test::name_self("qosatrack" + std::to_string(getpid()));
+    auto take = [](void* p, u32 bytes) {
+        const QOSA_MEM_REC_S* rec = sysMemCheckUserAddr(p);
+        ASSERT_NE(rec, nullptr) << "not a tracked block";
+        EXPECT_TRUE(std::string(rec->pFile) == "os_run_config.c" && rec->ulSize >= bytes &&
+                    rec->ulStatus == QOSA_MEM_GOOD)
+            << rec->pFile << " " << rec->ulSize << " " << bytes;
+        QOSA_MemTypeFreeD(p, QOSA_MEM_DYN, __LINE__, __FILE__);
+    };
+    u32 n = 0, total = 0, free = 0, r = 1;
+    QOSA_OS_PROC_INFO_S* procs = nullptr;
+    ASSERT_EQ(QOSA_OS_GetMEMAllocRate(&total, &free, &n, &procs), 0u);
+    take(procs, n * sizeof *procs);
+    for (int attempt = 0; attempt < 5 && r == 1; ++attempt) // a process may exit during the first scan
+        r = QOSA_OS_GetCPUBusyRate(&n, &procs);
+    ASSERT_EQ(r, 0u);
+    take(procs, n * sizeof *procs);
+    QOSA_OS_THREAD_INFO_S* threads = nullptr;
+    ASSERT_EQ(QOSA_OS_GetProcThread(me.c_str(), &n, &threads), 0u);
+    take(threads, n * sizeof *threads);
+    EXPECT_EQ(QOSA_OS_GetProcThread("no-such-process-name", &n, &threads), 2u);
+    QOSA_OS_PROC_INFO_S busy{};
+    procs = &busy; // a result pointer already set
+    EXPECT_EQ(QOSA_OS_GetMEMAllocRate(&total, &free, &n, &procs), 3u);
+    EXPECT_EQ(T.ulErrCnt, errors_) << "a release went wrong";
 }
 
 // Fills the error table: keep this test last, later error records are dropped.
