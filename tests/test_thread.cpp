@@ -41,8 +41,7 @@ TEST(QOSA_MutexLock, StaticInitializerComesToLifeOnFirstLockOnly) {
     EXPECT_TRUE(m.ulMagic1 == 0xFFFFFFFFu && m.ulMagic2 == 0xFFFFFFFFu) << "marked live, never set up again";
     EXPECT_EQ(try_elsewhere(&m), EBUSY);
     EXPECT_EQ(QOSA_MutexUnLock(&m), 0);
-    EXPECT_EQ(QOSA_MutexTryLock(&t), 0) << "a try-lock also brings it to life";
-    EXPECT_EQ(t.ulMagic1, 0xFFFFFFFFu);
+    EXPECT_TRUE(QOSA_MutexTryLock(&t) == 0 && t.ulMagic1 == 0xFFFFFFFFu) << "a try-lock also brings it to life";
     EXPECT_EQ(QOSA_MutexUnLock(&t), 0);
     ASSERT_TRUE(QOSA_MutexInit(&e, nullptr) == 0 && QOSA_MutexLock(&e) == 0);
     EXPECT_TRUE(e.ulMagic1 == 1 && e.ulMagic2 == 2) << "only the static markers call for a set-up";
@@ -80,9 +79,7 @@ TEST(QOSA_MutexInitRecursive, NeedsAsManyUnlocksAndALockedOneIsNotDestroyed) {
     EXPECT_EQ(try_elsewhere(&m), EBUSY) << "still held after one unlock";
     // TSan reports the destroy itself.
     EXPECT_EQ(qosa_test::kUnderTsan ? -1 : QOSA_MutexDestroy(&m), -1) << "the platform's EBUSY is folded into -1";
-    EXPECT_EQ(QOSA_MutexUnLock(&m), 0);
-    EXPECT_EQ(try_elsewhere(&m), 0);
-    EXPECT_EQ(QOSA_MutexDestroy(&m), 0);
+    EXPECT_TRUE(QOSA_MutexUnLock(&m) == 0 && try_elsewhere(&m) == 0 && QOSA_MutexDestroy(&m) == 0);
 }
 
 TEST(ORV_Pthread_RWLock, PassesThrough) {
@@ -170,12 +167,12 @@ TEST(QOSA_PthreadCreate, WithAttributesJoinAndSelf) {
 
 TEST(QOSA_GetPriority, PriorityCallsPassThrough) {
     const int nice = getpriority(PRIO_PROCESS, 0);
-    EXPECT_EQ(QOSA_GetPriority(PRIO_PROCESS, 0), nice);
-    EXPECT_EQ(ORV_GetPriority(PRIO_PGRP, 0), getpriority(PRIO_PGRP, 0));
-    EXPECT_EQ(QOSA_SetPriority(PRIO_PROCESS, 0, nice), 0);
-    EXPECT_EQ(ORV_SetPriority(PRIO_PROCESS, -1, nice), -1) << "no such process";
-    EXPECT_EQ(QOSA_SchedGetPriorityMax(SCHED_FIFO), sched_get_priority_max(SCHED_FIFO));
-    EXPECT_EQ(QOSA_SchedGetPriorityMin(SCHED_RR), sched_get_priority_min(SCHED_RR));
+    EXPECT_TRUE(QOSA_GetPriority(PRIO_PROCESS, 0) == nice &&
+                ORV_GetPriority(PRIO_PGRP, 0) == getpriority(PRIO_PGRP, 0));
+    EXPECT_TRUE(QOSA_SetPriority(PRIO_PROCESS, 0, nice) == 0 && ORV_SetPriority(PRIO_PROCESS, -1, nice) == -1)
+        << "-1: no such process";
+    EXPECT_TRUE(QOSA_SchedGetPriorityMax(SCHED_FIFO) == sched_get_priority_max(SCHED_FIFO) &&
+                QOSA_SchedGetPriorityMin(SCHED_RR) == sched_get_priority_min(SCHED_RR));
 }
 
 TEST(QOSA_SleepMs, MillisecondsWrapIn32Bits) {
