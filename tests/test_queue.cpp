@@ -120,7 +120,9 @@ TEST(ORV_Queue, IdsAtScaleDeletedInAnyOrder) {
 // Readers waiting on an empty queue and writers waiting on a full one, timed
 // or not, are served in the order they came.
 TEST(ORV_QueueRead, WaitersServedInTheOrderTheyCame) {
-    for (auto [writers, timeout] : {std::pair{false, 0u}, {false, 10000u}, {true, 0u}, {true, 10000u}}) {
+    for (int row = 0; row < 4; ++row) {
+        const bool writers = row >= 2;
+        const u32 timeout = row % 2 == 0 ? 0 : 10000;
         SCOPED_TRACE(testing::Message() << (writers ? "writers " : "readers ") << timeout);
         u32 id = 0;
         ASSERT_EQ(ORV_QueueCreate("waiters", 2, &id, 0, 8), 0u);
