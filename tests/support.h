@@ -13,6 +13,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 
 #if defined(__has_feature)
 #if __has_feature(thread_sanitizer)
@@ -66,6 +67,13 @@ inline std::string name_self(const std::string& name) {
     if (!kUnderEmulator) return name.substr(0, 15);
     const std::string line = slurp("/proc/self/stat");
     return line.substr(line.find('(') + 1, line.rfind(')') - line.find('(') - 1);
+}
+
+// Polls every millisecond until pred() holds (a waiter has queued, a thread has started).
+template <class Pred>
+void wait_until(Pred pred) {
+    while (!pred())
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 } // namespace qosa_test
 

@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,41 +24,36 @@ timespec from_now(long long ms) {
     long long ns = t.tv_sec * 1000000000LL + t.tv_nsec + ms * 1000000;
     return {static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
 }
+unsigned waiters(QOSA_SEM_S* rec) {
+    return qosa::sync::fifo_waiters(reinterpret_cast<qosa::sync::FifoSem*>(rec->sem.aullStore));
+}
 void wait_for_waiters(QOSA_SEM_S* rec, unsigned n) {
-    auto* fifo = reinterpret_cast<qosa::sync::FifoSem*>(rec->sem.aullStore);
-    while (qosa::sync::fifo_waiters(fifo) != n)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    qosa_test::wait_until([&] { return waiters(rec) == n; });
 }
 } // namespace
 
 // The same operations on an unnamed record and, by its tag, on a named one.
-TEST(Sem, OperationsOnBothKinds) {
-    std::string name = "/qosa_sem_test_" + std::to_string(getpid());
+TEST(QOSA_SemWait, OperationsOnBothKinds) {
+    const std::string name = "/qosa_sem_test_" + std::to_string(getpid());
     QOSA_SemUnLink(name.c_str());
-    EXPECT_EQ(QOSA_SemOpen(name.c_str(), 0, 0, 0), nullptr);
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_TRUE(QOSA_SemOpen(name.c_str(), 0, 0, 0) == nullptr && errno == ENOENT);
     QOSA_SEM_S* named = QOSA_SemOpen(name.c_str(), O_CREAT | O_EXCL, 0600, 1);
-    ASSERT_NE(named, nullptr);
     QOSA_SEM_S* again = QOSA_SemOpenWin(name.c_str(), 0, 0, 0);
-    ASSERT_NE(again, nullptr);
-    EXPECT_EQ(QOSA_SemWait(again), 0) << "both openings reach one semaphore";
-    EXPECT_EQ(QOSA_SemPost(again), 0);
+    ASSERT_TRUE(named != nullptr && again != nullptr);
+    EXPECT_TRUE(QOSA_SemWait(again) == 0 && QOSA_SemPost(again) == 0) << "both openings reach one semaphore";
     QOSA_SEM_S unnamed{};
     EXPECT_EQ(QOSA_SemInit(&unnamed, 1, static_cast<u32>(SEM_VALUE_MAX) + 1), -1);
     ASSERT_EQ(QOSA_SemInit(&unnamed, 1, 1), 0);
 
     for (QOSA_SEM_S* s : {&unnamed, named}) {
-        bool isNamed = s == named;
+        const bool isNamed = s == named;
         SCOPED_TRACE(isNamed ? "named" : "unnamed");
         EXPECT_EQ(s->tag, isNamed ? QOSA_SEM_TAG_NAMED : QOSA_SEM_TAG_UNNAMED);
         EXPECT_EQ(QOSA_SemWaitTimeOut(s, 0), 0) << "0 takes a free unit";
-        EXPECT_EQ(QOSA_SemTryWait(s), -1);
-        EXPECT_EQ(errno, EAGAIN);
+        EXPECT_TRUE(QOSA_SemTryWait(s) == -1 && errno == EAGAIN);
         auto t0 = Clock::now();
-        EXPECT_EQ(QOSA_SemWaitTimeOut(s, isNamed ? 200 : 1500), -1);
-        EXPECT_EQ(errno, ETIMEDOUT);
-        EXPECT_GE(ms_since(t0), isNamed ? 200 : 1500);
-        EXPECT_LT(ms_since(t0), 3000);
+        EXPECT_TRUE(QOSA_SemWaitTimeOut(s, isNamed ? 200 : 1500) == -1 && errno == ETIMEDOUT);
+        EXPECT_TRUE(ms_since(t0) >= (isNamed ? 200 : 1500) && ms_since(t0) < 3000) << ms_since(t0);
         timespec soon = from_now(200);
         t0 = Clock::now();
         EXPECT_EQ(QOSA_SemTimedWait(s, &soon), -1);
@@ -69,8 +63,7 @@ TEST(Sem, OperationsOnBothKinds) {
         ASSERT_EQ(QOSA_SemPostWin(s), 0);
         timespec past = from_now(-1000), earlierThisSecond{from_now(0).tv_sec, 0}, bad = from_now(1000);
         bad.tv_nsec = 1000000000;
-        EXPECT_EQ(QOSA_SemTimedWait(s, &past), -1);
-        EXPECT_EQ(QOSA_SemTimedWait(s, &earlierThisSecond), -1);
+        EXPECT_TRUE(QOSA_SemTimedWait(s, &past) == -1 && QOSA_SemTimedWait(s, &earlierThisSecond) == -1);
         EXPECT_TRUE(QOSA_SemTimedWait(s, &bad) == -1 && errno == EINVAL);
         EXPECT_EQ(QOSA_SemTryWait(s), 0) << "the unit is still there";
         ASSERT_EQ(QOSA_SemPost(s), 0);
@@ -79,45 +72,40 @@ TEST(Sem, OperationsOnBothKinds) {
         EXPECT_EQ(QOSA_SemTimedWait(s, &far), 0);
         ASSERT_EQ(QOSA_SemDestroy(s), 0);
         EXPECT_EQ(s->tag, QOSA_SEM_TAG_DESTROYED);
-        EXPECT_EQ(QOSA_SemPost(s), -1) << "a destroyed record is refused";
-        EXPECT_TRUE(QOSA_SemWait(s) == -1 && QOSA_SemTryWait(s) == -1 && errno == EINVAL);
+        EXPECT_TRUE(QOSA_SemPost(s) == -1 && QOSA_SemWait(s) == -1 && QOSA_SemTryWait(s) == -1 && errno == EINVAL)
+            << "a destroyed record is refused";
         EXPECT_EQ(QOSA_SemDestroy(s), -1);
     }
     EXPECT_EQ(QOSA_SemClose(&unnamed), -1) << "a destroyed unnamed record holds nothing to close";
-    EXPECT_EQ(QOSA_SemClose(again), 0);
-    EXPECT_EQ(QOSA_SemClose(named), 0);
-    EXPECT_EQ(QOSA_SemUnLink(name.c_str()), 0);
-    EXPECT_EQ(QOSA_SemUnLink(name.c_str()), -1);
+    EXPECT_TRUE(QOSA_SemClose(again) == 0 && QOSA_SemClose(named) == 0);
+    EXPECT_TRUE(QOSA_SemUnLink(name.c_str()) == 0 && QOSA_SemUnLink(name.c_str()) == -1);
     ASSERT_EQ(QOSA_SemInitWin(&unnamed, 0, SEM_VALUE_MAX), 0);
-    EXPECT_EQ(QOSA_SemPost(&unnamed), -1);
-    EXPECT_EQ(errno, EOVERFLOW);
+    EXPECT_TRUE(QOSA_SemPost(&unnamed) == -1 && errno == EOVERFLOW);
     EXPECT_EQ(QOSA_SemDestroy(&unnamed), 0);
 }
 
 // Waiters are released in arrival order, block destruction, and a signal handler ends an untimed wait.
-TEST(Sem, WaitersInArrivalOrderAndSignals) {
+TEST(QOSA_SemPost, WaitersInArrivalOrderAndSignals) {
     QOSA_SEM_S s{};
     ASSERT_EQ(QOSA_SemInit(&s, 0, 0), 0);
     std::atomic<int> woken{0};
     std::vector<int> order(5, -1);
-    std::vector<std::thread> waiters;
+    std::vector<std::thread> threads;
     for (int i = 0; i < 5; ++i) {
-        waiters.emplace_back([&, i] {
+        threads.emplace_back([&, i] {
             EXPECT_EQ(QOSA_SemWait(&s), 0);
             order[static_cast<std::size_t>(woken.fetch_add(1))] = i;
         });
         wait_for_waiters(&s, static_cast<unsigned>(i + 1));
     }
-    EXPECT_EQ(QOSA_SemDestroy(&s), -1);
-    EXPECT_EQ(errno, EBUSY);
-    EXPECT_EQ(s.tag, QOSA_SEM_TAG_UNNAMED);
+    EXPECT_TRUE(QOSA_SemDestroy(&s) == -1 && errno == EBUSY && s.tag == QOSA_SEM_TAG_UNNAMED);
     EXPECT_EQ(QOSA_SemTryWait(&s), -1) << "a newcomer does not overtake the queue";
     for (int i = 0; i < 5; ++i) {
         ASSERT_EQ(QOSA_SemPost(&s), 0);
         while (woken.load() == i)
             std::this_thread::yield();
     }
-    for (auto& t : waiters)
+    for (auto& t : threads)
         t.join();
     EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4}));
     EXPECT_EQ(QOSA_SemTryWait(&s), -1) << "each unit went to a waiter, none stayed";
@@ -137,57 +125,43 @@ TEST(Sem, WaitersInArrivalOrderAndSignals) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     waiter.join();
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(err, EINTR);
+    EXPECT_TRUE(result == -1 && err == EINTR) << result << ' ' << err;
     ASSERT_EQ(QOSA_SemPost(&s), 0);
     EXPECT_EQ(QOSA_SemTryWait(&s), 0) << "the posted unit is not lost to the interrupted waiter";
     EXPECT_EQ(QOSA_SemDestroy(&s), 0);
 }
 
 // A waiter that got its unit no longer touches the semaphore, whether it was
-// still spinning or asleep: the poster may destroy and free it at once.
-TEST(Sem, PosterMayFreeTheSemaphoreRightAfterItsPost) {
-    for (int i = 0; i < 2000; ++i) {
-        auto* s = new QOSA_SEM_S{};
-        ASSERT_EQ(QOSA_SemInit(s, 0, 0), 0);
-        std::thread waiter([s] { EXPECT_EQ(QOSA_SemWait(s), 0); });
-        // Yields rather than sleeps (as wait_for_waiters does): the post must often find the waiter still spinning.
-        while (qosa::sync::fifo_waiters(reinterpret_cast<qosa::sync::FifoSem*>(s->sem.aullStore)) == 0)
-            std::this_thread::yield();
-        if (i % 2 == 1) std::this_thread::sleep_for(std::chrono::microseconds(200));
-        ASSERT_EQ(QOSA_SemPost(s), 0);
-        ASSERT_EQ(QOSA_SemDestroy(s), 0);
-        delete s;
-        waiter.join();
-    }
-
-    // A post that comes while a signal handler interrupts the wait: the
-    // waiter has its unit and returns without touching the freed semaphore.
+// still spinning, asleep, or in a signal handler that interrupted its wait:
+// the poster may destroy and free it at once.
+TEST(QOSA_SemPost, PosterMayFreeTheSemaphoreRightAfterItsPost) {
     struct sigaction sa {};
     sa.sa_handler = [](int) { std::this_thread::sleep_for(std::chrono::milliseconds(30)); };
     ASSERT_EQ(sigaction(SIGUSR2, &sa, nullptr), 0); // no SA_RESTART
-    auto* s = new QOSA_SEM_S{};
-    ASSERT_EQ(QOSA_SemInit(s, 0, 0), 0);
-    std::thread waiter([s] { EXPECT_EQ(QOSA_SemWait(s), 0); });
-    wait_for_waiters(s, 1);
-    pthread_kill(waiter.native_handle(), SIGUSR2);
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    ASSERT_EQ(QOSA_SemPost(s), 0);
-    ASSERT_EQ(QOSA_SemDestroy(s), 0);
-    delete s;
-    waiter.join();
+    for (int i = 0; i <= 2000; ++i) {
+        auto* s = new QOSA_SEM_S{};
+        ASSERT_EQ(QOSA_SemInit(s, 0, 0), 0);
+        std::thread waiter([s] { EXPECT_EQ(QOSA_SemWait(s), 0); });
+        // Yields rather than sleeps: the post must often find the waiter still spinning.
+        while (waiters(s) == 0)
+            std::this_thread::yield();
+        const bool inHandler = i == 2000; // last: the post comes while the handler runs
+        if (inHandler) pthread_kill(waiter.native_handle(), SIGUSR2);
+        if (inHandler || i % 2 == 1) std::this_thread::sleep_for(std::chrono::microseconds(inHandler ? 10000 : 200));
+        ASSERT_TRUE(QOSA_SemPost(s) == 0 && QOSA_SemDestroy(s) == 0);
+        delete s;
+        waiter.join();
+    }
 }
 
-TEST(Sem, SystemVSet) {
+TEST(QOSA_SemOp, SystemVSetPassesThrough) {
     s32 id = QOSA_SemGet(IPC_PRIVATE, 2, IPC_CREAT | 0600);
     ASSERT_GE(id, 0) << errno;
     QOSA_SEMUN_U arg{};
     arg.val = 3;
-    EXPECT_EQ(QOSA_SemCtl(id, 1, SETVAL, arg), 0);
     sembuf ops[2] = {{1, -2, IPC_NOWAIT}, {0, 1, 0}};
-    EXPECT_EQ(QOSA_SemOp(id, ops, 2), 0);
-    EXPECT_EQ(QOSA_SemCtl(id, 1, GETVAL, arg), 1);
+    EXPECT_TRUE(QOSA_SemCtl(id, 1, SETVAL, arg) == 0 && QOSA_SemOp(id, ops, 2) == 0);
+    EXPECT_TRUE(QOSA_SemCtl(id, 1, GETVAL, arg) == 1 && QOSA_SemCtl(id, 0, GETVAL, arg) == 1) << "both operations done";
     EXPECT_EQ(QOSA_SemOp(id, ops, 1), -1) << "2 asked, 1 left";
-    EXPECT_EQ(QOSA_SemCtl(id, 0, IPC_RMID, arg), 0);
-    EXPECT_EQ(QOSA_SemCtl(id, 0, GETVAL, arg), -1) << "the set is gone";
+    EXPECT_TRUE(QOSA_SemCtl(id, 0, IPC_RMID, arg) == 0 && QOSA_SemCtl(id, 0, GETVAL, arg) == -1) << "the set is gone";
 }
