@@ -79,10 +79,7 @@ struct Row {
 };
 void PrintTo(const Row& r, std::ostream* os) { *os << r.name; }
 
-template <class... T>
-std::vector<R> F(T... v) {
-    return {R(v)...};
-}
+#define F(...) (std::vector<R>{__VA_ARGS__})
 #define CALL(...) []([[maybe_unused]] Ctx& c) -> R { return std::intptr_t((__VA_ARGS__)); }
 #define IS(...) []([[maybe_unused]] Ctx& c, [[maybe_unused]] R r) -> bool { return __VA_ARGS__; }
 #define DO(...) []([[maybe_unused]] Ctx& c, [[maybe_unused]] R r) { __VA_ARGS__; }
@@ -132,17 +129,16 @@ int sink(char*, u32) { return 0; }
 void* rel_timer(Ctx& c) { return c.h = QOSA_CreateRelTimerM(hit, QOSA_TIMER_LOOP, __LINE__, __FILE__); }
 void* abs_timer(Ctx& c, u32 mode = QOSA_TIMER_LOOP) { return c.h = QOSA_CreateAbsTimerM(hit, mode); }
 bool restart(Ctx& c) { return c.dones = 0, QOSA_StartRelTimer(c.h, 100000, &c) == 0; }
-// A start that returned 0 must fire `times` times (and the timer then be released when `count` is given).
+// A call that returned 0 must have its effect (kWrong when it does not come).
+R then(u32 r, auto effect) { return r != 0 || eventually(effect) ? r : kWrong; }
+// A start that fires `times` times (and the timer is then released when `count` is given).
 R fires(Ctx& c, u32 r, int times, s32* count = nullptr) {
-    if (r != 0) return r;
-    const bool fired = eventually([&] { return c.hits >= times; });
-    return fired && (count == nullptr || eventually([=] { return live(*count) == 0; })) ? 0 : kWrong;
+    return then(r, [&] { return c.hits >= times && (count == nullptr || live(*count) == 0); });
 }
-R stopped(Ctx& c, u32 r) {
-    return r != 0 || eventually([&] { return c.dones == 1; }) ? r : kWrong;
-}
+bool one_done(Ctx& c) { return c.dones == 1; }
+R stopped(Ctx& c, u32 r) { return then(r, std::bind(one_done, std::ref(c))); }
 void stop_rel(Ctx& c) {
-    if (QOSA_StopRelTimer_Safe(c.h, done, &c) == 0) eventually([&] { return c.dones == 1; });
+    if (QOSA_StopRelTimer_Safe(c.h, done, &c) == 0) eventually(std::bind(one_done, std::ref(c)));
     c.hits = c.dones = 0;
 }
 bool member_runs(Ctx& c, u32 m) { return QOSA_StartRelTimerofGrp(c.grp, m, 100000, 7, 0) == 0; }
@@ -150,9 +146,7 @@ bool full_group(Ctx& c) {
     return QOSA_InitReltimerGrp(&c.grp, 2, grp_hit) == 0 && member_runs(c, 0) && member_runs(c, 1);
 }
 R member_fires(Ctx& c) {
-    s_grpHits = 0;
-    const u32 r = QOSA_StartRelTimerofGrp(c.grp, 0, 10, 7, 0);
-    return r != 0 || eventually([] { return s_grpHits >= 4; }) ? r : kWrong;
+    return s_grpHits = 0, then(QOSA_StartRelTimerofGrp(c.grp, 0, 10, 7, 0), [] { return s_grpHits >= 4; });
 }
 
 void new_queue(Ctx& c) { ORV_QueueCreate("q", 4, &c.id, 0, 16); }
@@ -426,38 +420,6 @@ rlimit limit_fds(long spare) {
     std::exit(0); // not _exit: coverage data is written, and a leak checker checks, at exit
 }
 
-// ---- the parent ----
-
-// Runs the cases of a row in child processes, six at a time.
-std::vector<Outcome> run(const Row& row, const std::vector<Case>& cases) {
-    const std::size_t bytes = cases.size() * sizeof(Outcome);
-    auto* outs = static_cast<Outcome*>(mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    std::map<pid_t, std::size_t> kids;
-    for (std::size_t next = 0; next < cases.size() || !kids.empty();) {
-        if (next < cases.size() && kids.size() < 6) {
-            std::fflush(nullptr);
-            const pid_t pid = fork();
-            if (pid == 0) child(row, cases[next], outs[next]);
-            kids[pid] = next++;
-            continue;
-        }
-        int status = 0;
-        const auto kid = kids.find(wait(&status));
-        if (kid == kids.end()) break;
-        Outcome& o = outs[kid->second];
-        o.ok = o.ok && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-        EXPECT_TRUE(o.ok) << describe(row, cases[kid->second])
-                          << (!WIFSIGNALED(status)          ? ""
-                              : WTERMSIG(status) == SIGALRM ? ": hangs"
-                                                            : ": killed by a signal");
-        kids.erase(kid);
-    }
-    EXPECT_TRUE(kids.empty()) << row.name << ": cannot wait for its children";
-    const std::vector<Outcome> got(outs, outs + cases.size());
-    munmap(outs, bytes);
-    return got;
-}
-
 // Every k of the first 64 (the first turns of every loop: the scans of /proc
 // grow their arrays after 20 processes) and of the last 24, 12 in between.
 std::vector<long> plan(long n) {
@@ -471,36 +433,50 @@ std::vector<long> plan(long n) {
 
 class Faults : public ::testing::TestWithParam<Row> {};
 
+// Runs the cases of a row in child processes, six at a time. A case may ask for
+// more: a dry run for each k of the allocations it counted, a run short of
+// descriptors for one more.
 TEST_P(Faults, Sweep) {
     const Row& row = GetParam();
-    std::vector<Case> cases;
+    std::vector<Case> todo;
     for (bool tracked : {false, true}) {
         if (!tracked && (row.flags & TrackedOnly)) continue;
-        cases.push_back({tracked, Alloc, 0}); // counts the allocations; completes
-        if (row.flags & Opens) cases.push_back({tracked, Fds, 0});
-        if (row.flags & Threads) cases.push_back({tracked, Thread, 1});
-        if (tracked) cases.push_back({tracked, Maps, 1});
+        todo.push_back({tracked, Alloc, 0}); // counts the allocations; completes
+        if (row.flags & Opens) todo.push_back({tracked, Fds, 0});
+        if (row.flags & Threads) todo.push_back({tracked, Thread, 1});
+        if (tracked) todo.push_back({tracked, Maps, 1});
     }
-    // Each round runs what the last one asked for: the allocations a dry run
-    // counted, one more descriptor while a call still ran short of them.
-    long count[2] = {0, 0};
-    while (!cases.empty()) {
-        for (const Case& cs : cases)
-            ++count[cs.tracked];
-        const std::vector<Outcome> outs = run(row, cases);
-        std::vector<Case> more;
-        for (std::size_t i = 0; i < cases.size(); ++i) {
-            const Case& cs = cases[i];
-            if (cs.fault == Alloc && cs.k == 0)
-                for (long k : plan(outs[i].seen))
-                    more.push_back({cs.tracked, Alloc, k});
-            if (cs.fault == Fds && outs[i].struck) {
-                ASSERT_LT(cs.k, 16) << row.name << " never completes with descriptors";
-                more.push_back({cs.tracked, Fds, cs.k + 1});
-            }
-            EXPECT_TRUE(cs.fault != Thread || outs[i].struck) << row.name << " creates no thread";
+    std::map<pid_t, std::pair<Case, Outcome*>> kids;
+    long count[2] = {0, 0}; // cases run, tracking off and on
+    while (!todo.empty() || !kids.empty()) {
+        if (!todo.empty() && kids.size() < 6) {
+            const Case cs = todo.back();
+            todo.pop_back(), ++count[cs.tracked];
+            auto* out = static_cast<Outcome*>(
+                mmap(nullptr, sizeof(Outcome), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+            std::fflush(nullptr);
+            const pid_t pid = fork();
+            if (pid == 0) child(row, cs, *out);
+            kids[pid] = {cs, out};
+            continue;
         }
-        cases = std::move(more);
+        int status = 0;
+        const auto kid = kids.find(wait(&status));
+        ASSERT_TRUE(kid != kids.end()) << row.name << ": no child to wait for";
+        const auto [cs, out] = kid->second;
+        kids.erase(kid);
+        EXPECT_TRUE(out->ok && WIFEXITED(status) && WEXITSTATUS(status) == 0)
+            << describe(row, cs)
+            << (!WIFSIGNALED(status)          ? ""
+                : WTERMSIG(status) == SIGALRM ? ": hangs"
+                                              : ": killed by a signal");
+        EXPECT_TRUE(cs.fault != Thread || out->struck) << row.name << " creates no thread";
+        EXPECT_TRUE(cs.fault != Fds || cs.k < 16) << row.name << " never completes with descriptors";
+        if (cs.fault == Alloc && cs.k == 0)
+            for (long k : plan(out->seen))
+                todo.push_back({cs.tracked, Alloc, k});
+        if (cs.fault == Fds && out->struck && cs.k < 16) todo.push_back({cs.tracked, Fds, cs.k + 1});
+        munmap(out, sizeof(Outcome));
     }
     std::printf("%s: %ld cases, tracking off %ld, on %ld\n", row.name, count[0] + count[1], count[0], count[1]);
 }
@@ -511,9 +487,8 @@ INSTANTIATE_TEST_SUITE_P(EveryEntryPoint, Faults, ::testing::ValuesIn(rows()),
 // Past the kernel's map budget mprotect refuses guard pages: the blocks are
 // served and tracked all the same, their guard words still find an overflow,
 // and the refusal is said once on standard output.
-bool refused_guard_pages() {
-    char said[] = "/tmp/qosa_guard_XXXXXX";
-    dup2(mkstemp(said), STDOUT_FILENO);
+bool refused_guard_pages(const char* said) {
+    dup2(open(said, O_WRONLY), STDOUT_FILENO);
     QOSA_MemInitMemMange();
     for (int i = 0; i < 3; ++i)
         MemAllocMem(__FILE__, __LINE__, 16, 0);
@@ -525,17 +500,18 @@ bool refused_guard_pages() {
     const bool tracked = sysMemCheckUserAddr(a) != nullptr && sysMemCheckUserAddr(b) != nullptr;
     a[5] ^= 1; // the tail guard
     const u32 damaged = MemFreeMem(__FILE__, __LINE__, a, 0), good = MemFreeMem(__FILE__, __LINE__, b, 0);
-    std::fflush(stdout);
-    const std::string out = slurp(said);
-    unlink(said);
-    std::fprintf(stderr, "%s", out.c_str());
-    return refused && tracked && damaged == QOSA_MEM_DOWN_OVERFLOW && good == 0 &&
-           out.find("past 3 guarded blocks") != std::string::npos &&
-           out.find("sysctl vm.max_map_count") != std::string::npos && out.find('\n') == out.size() - 1;
+    return std::fflush(stdout), refused && tracked && damaged == QOSA_MEM_DOWN_OVERFLOW && good == 0;
 }
 
 TEST(MemAllocMem, RefusedGuardPagesAreSaidOnceAndBlocksStayChecked) {
-    EXPECT_EXIT(std::exit(refused_guard_pages() ? 0 : 1), ::testing::ExitedWithCode(0), "");
+    char said[] = "/tmp/qosa_guard_XXXXXX";
+    close(mkstemp(said));
+    EXPECT_EXIT(std::exit(refused_guard_pages(said) ? 0 : 1), ::testing::ExitedWithCode(0), "");
+    const std::string out = slurp(said);
+    unlink(said);
+    EXPECT_NE(out.find("past 3 guarded blocks"), std::string::npos) << out;
+    EXPECT_NE(out.find("sysctl vm.max_map_count"), std::string::npos) << out;
+    EXPECT_EQ(out.find('\n'), out.size() - 1) << "said once: " << out;
 }
 
 } // namespace
