@@ -206,8 +206,9 @@ const std::vector<Row>& rows() {
          SETUP(new_queue(c), write_hello(c))},
 
         // The timer service starts with the first timer.
-        {"QOSA_StartTimerTask", CALL(QOSA_StartTimerTask(nullptr, nullptr)), F(ENOMEM, EAGAIN), nullptr,
-         DO(QOSA_StopTimerTask()), nullptr, Threads},
+        // A start that says so has its thread.
+        {"QOSA_StartTimerTask", CALL((c.tid = {}, QOSA_StartTimerTask(&c.tid, nullptr))), F(ENOMEM, EAGAIN),
+         IS(r == 0 && c.tid != pthread_t{}), DO(QOSA_StopTimerTask()), nullptr, Threads},
         {"QOSA_CreateRelTimerM", CALL(rel_timer(c)), F(0), nullptr, DO(QOSA_FreeRelTimer(c.h), QOSA_StopTimerTask()),
          nullptr, Threads},
         // A periodic timer keeps firing.
