@@ -85,14 +85,13 @@ void PrintTo(const Row& r, std::ostream* os) { *os << r.name; }
 #define DO(...) []([[maybe_unused]] Ctx& c, [[maybe_unused]] R r) { __VA_ARGS__; }
 #define SETUP(...) []([[maybe_unused]] Ctx& c) { __VA_ARGS__; }
 
+// A case, and what its child process found (in memory the parent shares).
 struct Case {
     bool tracked;
     fault::Kind fault;
     long k; // Alloc: the allocation that fails (0: none, it only counts); Fds: descriptors left free
-};
-struct Outcome {
-    bool ok, struck; // struck: the fault struck (Fds: the call failed)
-    long seen;       // allocations the call made
+    bool ok = false, struck = false; // struck: the fault struck (Fds: the call failed)
+    long seen = 0;                   // allocations the call made
 };
 std::string describe(const Row& row, const Case& cs) {
     static const char* const kinds[] = {"none", "alloc", "thread", "maps", "fds"};
@@ -377,7 +376,7 @@ rlimit limit_fds(long spare) {
     return old;
 }
 
-[[noreturn]] void child(const Row& row, const Case& cs, Outcome& out) {
+[[noreturn]] void child(const Row& row, Case& cs) {
     s_row = &row, s_case = cs;
     alarm(60);                                // a case that hangs is killed
     const int said = memfd_create("said", 0); // the library's diagnostics, quoted by complain()
@@ -404,12 +403,12 @@ rlimit limit_fds(long spare) {
     fault::arm(cs.fault, cs.k);
     const R r = row.call(c);
     const bool struck = fault::disarm();
-    out.seen = fault::seen();
+    cs.seen = fault::seen();
     if (cs.fault == Fds) setrlimit(RLIMIT_NOFILE, &fds);
 
     const bool failed = is_failure(row, r);
-    out.struck = cs.fault == Fds ? failed : struck;
-    if (failed && (!out.struck || cs.fault == Maps) && !(row.flags & Racy))
+    cs.struck = cs.fault == Fds ? failed : struck;
+    if (failed && (!cs.struck || cs.fault == Maps) && !(row.flags & Racy))
         complain("fails (%lld) without the fault", r);
     if (!failed && !is_success(c, row, r)) complain("result %lld: neither the documented failure nor a success", r);
     if (row.undo) row.undo(c, r);
@@ -417,7 +416,7 @@ rlimit limit_fds(long spare) {
     attempt(c, row, "called again");
     settle(before, "after calling again");
     std::filesystem::remove_all(c.dir);
-    out.ok = !s_bad;
+    cs.ok = !s_bad;
     std::exit(0); // not _exit: coverage data is written, and a leak checker checks, at exit
 }
 
@@ -447,37 +446,36 @@ TEST_P(Faults, Sweep) {
         if (row.flags & Threads) todo.push_back({tracked, Thread, 1});
         if (tracked) todo.push_back({tracked, Maps, 1});
     }
-    std::map<pid_t, std::pair<Case, Outcome*>> kids;
+    std::map<pid_t, Case*> kids;
     long count[2] = {0, 0}; // cases run, tracking off and on
     while (!todo.empty() || !kids.empty()) {
         if (!todo.empty() && kids.size() < 6) {
-            const Case cs = todo.back();
-            todo.pop_back(), ++count[cs.tracked];
-            auto* out = static_cast<Outcome*>(
-                mmap(nullptr, sizeof(Outcome), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+            auto* cs = static_cast<Case*>(
+                mmap(nullptr, sizeof(Case), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+            *cs = todo.back();
+            todo.pop_back(), ++count[cs->tracked];
             std::fflush(nullptr);
             const pid_t pid = fork();
-            if (pid == 0) child(row, cs, *out);
-            kids[pid] = {cs, out};
+            if (pid == 0) child(row, *cs);
+            kids[pid] = cs;
             continue;
         }
         int status = 0;
         const auto kid = kids.find(wait(&status));
         ASSERT_TRUE(kid != kids.end()) << row.name << ": no child to wait for";
-        const auto [cs, out] = kid->second;
-        kids.erase(kid);
-        EXPECT_TRUE(out->ok && WIFEXITED(status) && WEXITSTATUS(status) == 0)
+        const Case cs = *kid->second;
+        munmap(kid->second, sizeof(Case)), kids.erase(kid);
+        EXPECT_TRUE(cs.ok && WIFEXITED(status) && WEXITSTATUS(status) == 0)
             << describe(row, cs)
             << (!WIFSIGNALED(status)          ? ""
                 : WTERMSIG(status) == SIGALRM ? ": hangs"
                                               : ": killed by a signal");
-        EXPECT_TRUE(cs.fault != Thread || out->struck) << row.name << " creates no thread";
+        EXPECT_TRUE(cs.fault != Thread || cs.struck) << row.name << " creates no thread";
         EXPECT_TRUE(cs.fault != Fds || cs.k < 16) << row.name << " never completes with descriptors";
         if (cs.fault == Alloc && cs.k == 0)
-            for (long k : plan(out->seen))
+            for (long k : plan(cs.seen))
                 todo.push_back({cs.tracked, Alloc, k});
-        if (cs.fault == Fds && out->struck && cs.k < 16) todo.push_back({cs.tracked, Fds, cs.k + 1});
-        munmap(out, sizeof(Outcome));
+        if (cs.fault == Fds && cs.struck && cs.k < 16) todo.push_back({cs.tracked, Fds, cs.k + 1});
     }
     std::printf("%s: %ld cases, tracking off %ld, on %ld\n", row.name, count[0] + count[1], count[0], count[1]);
 }
