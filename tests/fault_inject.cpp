@@ -1,7 +1,6 @@
-// The interposed entry points behind fault_inject.h. Defined in the
-// executable, they replace the C library's for the library and the C library
-// alike; under a sanitizer they replace its (weak) interceptors and pass to
-// them, so the sanitizer still sees every block and thread.
+// The interposed entry points behind fault_inject.h. Defined in the executable, they replace the C library's for
+// the library and the C library alike; under a sanitizer they replace its (weak) interceptors and pass to them, so
+// the sanitizer still sees every block and thread.
 #include "fault_inject.h"
 
 #include <dlfcn.h>
@@ -13,39 +12,29 @@
 #include <cerrno>
 #include <cstddef>
 
+using fault::Kind;
+using std::size_t;
+
 extern "C" {
-void* __libc_malloc(std::size_t);
-void* __libc_calloc(std::size_t, std::size_t);
-void* __libc_realloc(void*, std::size_t);
-void* __libc_memalign(std::size_t, std::size_t);
+void *__libc_malloc(size_t), *__libc_calloc(size_t, size_t), *__libc_realloc(void*, size_t);
+void* __libc_memalign(size_t, size_t);
 void __libc_free(void*);
 // A sanitizer's entry points, when one is linked in.
-void* __interceptor_malloc(std::size_t) __attribute__((weak));
-void* __interceptor_calloc(std::size_t, std::size_t) __attribute__((weak));
-void* __interceptor_realloc(void*, std::size_t) __attribute__((weak));
-int __interceptor_posix_memalign(void**, std::size_t, std::size_t) __attribute__((weak));
-void __interceptor_free(void*) __attribute__((weak));
-int __interceptor_mprotect(void*, std::size_t, int) __attribute__((weak));
-int __interceptor_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) __attribute__((weak));
+[[gnu::weak]] void *__interceptor_malloc(size_t), *__interceptor_calloc(size_t, size_t),
+    *__interceptor_realloc(void*, size_t);
+[[gnu::weak]] void __interceptor_free(void*);
+[[gnu::weak]] int __interceptor_posix_memalign(void**, size_t, size_t), __interceptor_mprotect(void*, size_t, int),
+    __interceptor_pthread_create(pthread_t*, const pthread_attr_t*, void*(*)(void*), void*);
 }
+#define NEXT(f, ...) (__interceptor_##f ? __interceptor_##f(__VA_ARGS__) : __libc_##f(__VA_ARGS__))
 
 namespace {
 
 // Plain words with atomic builtins: this file is built without sanitizer
 // instrumentation, since the allocator runs before a sanitizer is set up.
-using Kind = fault::Kind;
-int s_kind = 0; // a fault::Kind
-long s_left = 0, s_seen = 0, s_live = 0;
-bool s_struck = false;
-
-template <class T>
-T get(const T& v) {
-    return __atomic_load_n(&v, __ATOMIC_RELAXED);
-}
-template <class T>
-void set(T& v, T x) {
-    __atomic_store_n(&v, x, __ATOMIC_SEQ_CST);
-}
+long s_kind = 0, s_left = 0, s_seen = 0, s_live = 0, s_struck = 0;
+long get(const long& v) { return __atomic_load_n(&v, __ATOMIC_RELAXED); }
+void set(long& v, long x) { __atomic_store_n(&v, x, __ATOMIC_SEQ_CST); }
 long add(long& v, long d) { return __atomic_fetch_add(&v, d, __ATOMIC_RELAXED); }
 
 // Allocation faults strike the threads of the program: the one that armed
@@ -53,22 +42,17 @@ long add(long& v, long d) { return __atomic_fetch_add(&v, d, __ATOMIC_RELAXED); 
 // set-up of a new thread runs before it and is left alone).
 thread_local bool t_ours = false;
 
+bool strikes(Kind k) {
+    if (get(s_kind) != static_cast<long>(k)) return false;
+    set(s_struck, 1L);
+    return true;
+}
 // True when this allocation is to fail.
 bool refuse() {
-    if (!t_ours || get(s_kind) != static_cast<int>(Kind::Alloc)) return false;
+    if (!t_ours || get(s_kind) != static_cast<long>(Kind::Alloc)) return false;
     add(s_seen, 1);
-    if (add(s_left, -1) != 1) return false;
-    set(s_struck, true);
-    errno = ENOMEM;
-    return true;
+    return add(s_left, -1) == 1 && strikes(Kind::Alloc) && (errno = ENOMEM) != 0;
 }
-
-bool strikes(Kind k) {
-    if (get(s_kind) != static_cast<int>(k)) return false;
-    set(s_struck, true);
-    return true;
-}
-
 void* counted(void* p) {
     if (p != nullptr) add(s_live, 1);
     return p;
@@ -83,7 +67,7 @@ struct Start {
     void* arg;
 };
 void* start_ours(void* p) {
-    Start s = *static_cast<Start*>(p);
+    const Start s = *static_cast<Start*>(p);
     __libc_free(p);
     t_ours = true;
     return s.routine(s.arg);
@@ -92,47 +76,35 @@ void* start_ours(void* p) {
 } // namespace
 
 namespace fault {
-
 void arm(Kind kind, long k) {
     t_ours = true;
-    set(s_struck, false);
-    set(s_seen, 0L);
-    set(s_left, k);
-    set(s_kind, static_cast<int>(kind));
+    set(s_struck, 0L), set(s_seen, 0L), set(s_left, k), set(s_kind, static_cast<long>(kind));
 }
-bool disarm() {
-    set(s_kind, 0);
-    return get(s_struck);
-}
+bool disarm() { return set(s_kind, 0L), get(s_struck) != 0; }
 long seen() { return get(s_seen); }
 long live_blocks() { return get(s_live); }
-
 } // namespace fault
 
 extern "C" {
 
-void* malloc(std::size_t n) {
-    if (refuse()) return nullptr;
-    return counted(__interceptor_malloc ? __interceptor_malloc(n) : __libc_malloc(n));
-}
-
-void* calloc(std::size_t count, std::size_t size) {
-    if (refuse()) return nullptr;
-    return counted(__interceptor_calloc ? __interceptor_calloc(count, size) : __libc_calloc(count, size));
-}
-
-void* realloc(void* p, std::size_t n) {
+void* malloc(size_t n) { return refuse() ? nullptr : counted(NEXT(malloc, n)); }
+void* calloc(size_t count, size_t size) { return refuse() ? nullptr : counted(NEXT(calloc, count, size)); }
+void* realloc(void* p, size_t n) {
     if ((p == nullptr || n != 0) && refuse()) return nullptr;
-    void* r = __interceptor_realloc ? __interceptor_realloc(p, n) : __libc_realloc(p, n);
+    void* r = NEXT(realloc, p, n);
     if (p == nullptr) return counted(r);
     if (n == 0 && r == nullptr) add(s_live, -1); // released
     return r;
 }
+void free(void* p) {
+    if (p != nullptr) add(s_live, -1);
+    NEXT(free, p);
+}
 
-int posix_memalign(void** out, std::size_t a, std::size_t n) {
+int posix_memalign(void** out, size_t a, size_t n) {
     if (refuse()) return ENOMEM;
     if (__interceptor_posix_memalign) {
-        int r = __interceptor_posix_memalign(out, a, n);
+        const int r = __interceptor_posix_memalign(out, a, n);
         return r == 0 ? (counted(*out), 0) : r;
     }
     if (a % sizeof(void*) != 0 || (a & (a - 1)) != 0) return EINVAL;
@@ -140,19 +112,8 @@ int posix_memalign(void** out, std::size_t a, std::size_t n) {
     return p == nullptr ? ENOMEM : (*out = p, 0);
 }
 
-void free(void* p) {
-    if (p != nullptr) add(s_live, -1);
-    if (__interceptor_free)
-        __interceptor_free(p);
-    else
-        __libc_free(p);
-}
-
-int mprotect(void* addr, std::size_t len, int prot) {
-    if (prot == PROT_READ && strikes(Kind::Maps)) {
-        errno = ENOMEM; // what the kernel says past vm.max_map_count
-        return -1;
-    }
+int mprotect(void* addr, size_t len, int prot) {
+    if (prot == PROT_READ && strikes(Kind::Maps)) return errno = ENOMEM, -1; // the kernel's past vm.max_map_count
     if (__interceptor_mprotect) return __interceptor_mprotect(addr, len, prot);
     return static_cast<int>(syscall(SYS_mprotect, addr, len, prot));
 }
@@ -162,7 +123,7 @@ int pthread_create(pthread_t* t, const pthread_attr_t* attr, void* (*routine)(vo
     auto* start = static_cast<Start*>(__libc_malloc(sizeof(Start))); // outside the count
     if (start == nullptr) return EAGAIN;
     *start = Start{routine, arg};
-    int r = (__interceptor_pthread_create ? __interceptor_pthread_create : s_create)(t, attr, start_ours, start);
+    const int r = (__interceptor_pthread_create ? __interceptor_pthread_create : s_create)(t, attr, start_ours, start);
     if (r != 0) __libc_free(start);
     return r;
 }

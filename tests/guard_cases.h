@@ -18,10 +18,7 @@ struct GuardCase {
 std::vector<GuardCase>& guard_registry();
 
 struct GuardRows {
-    GuardRows(std::initializer_list<GuardCase> rows) {
-        for (const GuardCase& r : rows)
-            guard_registry().push_back(r);
-    }
+    GuardRows(std::initializer_list<GuardCase> rows) { guard_registry().insert(guard_registry().end(), rows); }
 };
 
 // Turns a pointer result into 0 (null) or 1, for the table.

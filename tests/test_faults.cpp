@@ -1,47 +1,33 @@
-// The fault sweep: every entry point that allocates or opens, with the k-th
-// allocation failing (k = 1, 2, ... until the call completes), with too few
-// descriptors, with thread creation failing and, with tracking on, with guard
-// pages refused; each with tracking off and on, each case in a child process.
-// A case asserts the documented failure result or a correct success, that
-// nothing is left behind (blocks, descriptors, threads, live timers) and that
-// the same call works again afterwards. One table row per entry point.
+// The fault sweep: every entry point that allocates or opens, tracking off and on, one child process per case:
+// with the k-th allocation failing (each k up to the call's count), with too few descriptors, with thread
+// creation failing and, tracking on, with guard pages refused. A case wants the documented failure or a correct
+// success, nothing left behind (blocks, descriptors, threads, live timers), and the call to work again after.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <netdb.h>
-#include <netinet/in.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <climits>
+#include <csignal>
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <type_traits>
-#include <vector>
+#include <map>
 
 #include "fault_inject.h"
-#include "support.h"
 #include "internal/mem_table.h"
-#include "qosa.h"
+#include "timer_helpers.h"
 
 // The statistics sample twice, a second apart: in this executable the two
 // samples are taken back to back (no tick passes, which is a valid result).
@@ -49,17 +35,10 @@ extern "C" unsigned sleep(unsigned) { return 0; }
 
 namespace {
 
-using R = long long; // a call's result; a pointer as its address
-using Clock = std::chrono::steady_clock;
+using namespace qosa_test;
+using enum fault::Kind;
+using R = long long;        // a call's result; a pointer as its address
 constexpr R kWrong = 0xBAD; // the call returned 0 but did not do its job
-
-template <class T>
-R as_r(T v) {
-    if constexpr (std::is_pointer_v<T>)
-        return static_cast<R>(reinterpret_cast<std::intptr_t>(v));
-    else
-        return static_cast<R>(v);
-}
 template <class T = char>
 T* ptr(R r) {
     return reinterpret_cast<T*>(static_cast<std::intptr_t>(r));
@@ -67,12 +46,9 @@ T* ptr(R r) {
 
 // What a row's functions share in one child.
 struct Ctx {
-    char dir[64] = "/tmp/qosa_faults_XXXXXX";
-    char a[128] = {}, b[128] = {}; // two names in dir
-    char buf[PATH_MAX + 1] = {};
-    char name[16] = {}; // this process's
-    void* h = nullptr;  // the handle under test
-    void* out = nullptr;
+    char dir[64] = "/tmp/qosa_faults_XXXXXX", a[128] = {}, b[128] = {}; // a, b: two names in dir
+    char buf[PATH_MAX + 1] = {}, name[16] = {};                         // name: this process's
+    void *h = nullptr, *out = nullptr;                                  // h: the handle under test
     u32 id = 0, n = 0, u = 0, v = 0;
     std::atomic<int> hits{0}, dones{0};
     QOSA_RelTimerGrp* grp = nullptr;
@@ -103,81 +79,65 @@ struct Row {
 };
 void PrintTo(const Row& r, std::ostream* os) { *os << r.name; }
 
-template <class... T>
-std::vector<R> F(T... v) {
-    return {R(v)...};
-}
-#define CALL(...) []([[maybe_unused]] Ctx& c) -> R { return as_r(__VA_ARGS__); }
+#define F(...) (std::vector<R>{__VA_ARGS__})
+#define CALL(...) []([[maybe_unused]] Ctx& c) -> R { return std::intptr_t((__VA_ARGS__)); }
 #define IS(...) []([[maybe_unused]] Ctx& c, [[maybe_unused]] R r) -> bool { return __VA_ARGS__; }
 #define DO(...) []([[maybe_unused]] Ctx& c, [[maybe_unused]] R r) { __VA_ARGS__; }
 #define SETUP(...) []([[maybe_unused]] Ctx& c) { __VA_ARGS__; }
 
-// ---- what the rows share ----
-
-enum class Fault { Alloc, Fds, Thread, Maps };
-const char* const kFaultNames[] = {"alloc", "fds", "thread", "maps"};
+// A case, and what its child process found (in memory the parent shares).
 struct Case {
     bool tracked;
-    Fault fault;
+    fault::Kind fault;
     long k; // Alloc: the allocation that fails (0: none, it only counts); Fds: descriptors left free
+    bool ok = false, struck = false; // struck: the fault struck (Fds: the call failed)
+    long seen = 0;                   // allocations the call made
 };
-struct Outcome {
-    bool ok;
-    bool struck; // the fault struck (Fds: the call failed)
-    long seen;   // allocations the call made
-};
+std::string describe(const Row& row, const Case& cs) {
+    static const char* const kinds[] = {"none", "alloc", "thread", "maps", "fds"};
+    return std::string(row.name) + ", tracking " + (cs.tracked ? "on, " : "off, ") + kinds[int(cs.fault)] + " " +
+           std::to_string(cs.k);
+}
 
 const Row* s_row = nullptr;
 Case s_case{};
 bool s_bad = false;
 
+// Says what went wrong in this child case, quoting what the library printed
+// last (its diagnostics go to a memory file on standard output).
 void complain(const char* fmt, ...) {
-    char what[512];
+    char what[512], said[160] = "";
     va_list args;
     va_start(args, fmt);
     std::vsnprintf(what, sizeof what, fmt, args);
     va_end(args);
-    // What the library printed last (its diagnostics go to a memory file on standard output).
-    char said[160] = "";
     std::fflush(stdout);
-    const off_t end = lseek(STDOUT_FILENO, 0, SEEK_END), from = end > 159 ? end - 159 : 0;
-    const ssize_t n = end > 0 ? pread(STDOUT_FILENO, said, static_cast<std::size_t>(end - from), from) : 0;
-    said[n > 0 ? n : 0] = '\0';
-    std::fprintf(stderr, "[%s, tracking %s, %s %ld] %s%s%s\n", s_row->name, s_case.tracked ? "on" : "off",
-                 kFaultNames[static_cast<int>(s_case.fault)], s_case.k, what, *said ? "; the library said: " : "",
-                 said);
+    const off_t end = lseek(STDOUT_FILENO, 0, SEEK_END);
+    said[std::max<ssize_t>(pread(STDOUT_FILENO, said, 159, std::max<off_t>(end - 159, 0)), 0)] = '\0';
+    std::fprintf(stderr, "[%s] %s; the library said: %s\n", describe(*s_row, s_case).c_str(), what, said);
     s_bad = true;
 }
 
-bool wait_for(const std::function<bool()>& cond, int ms = 2500) {
-    for (auto end = Clock::now() + std::chrono::milliseconds(ms); !cond();) {
-        if (Clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
 void hit(void* c) { ++static_cast<Ctx*>(c)->hits; }
 void done(void* c) { ++static_cast<Ctx*>(c)->dones; }
 std::atomic<int> s_grpHits{0};
 void grp_hit(u32, u32) { ++s_grpHits; }
 void* idle(void*) { return nullptr; }
 int sink(char*, u32) { return 0; }
-s32 live(const s32* count) { return __atomic_load_n(count, __ATOMIC_ACQUIRE); }
 
 void* rel_timer(Ctx& c) { return c.h = QOSA_CreateRelTimerM(hit, QOSA_TIMER_LOOP, __LINE__, __FILE__); }
 void* abs_timer(Ctx& c, u32 mode = QOSA_TIMER_LOOP) { return c.h = QOSA_CreateAbsTimerM(hit, mode); }
 bool restart(Ctx& c) { return c.dones = 0, QOSA_StartRelTimer(c.h, 100000, &c) == 0; }
-// A start that returned 0 must fire `times` times (and the timer then be released when `count` is given).
-R fires(Ctx& c, u32 r, int times, const s32* count = nullptr) {
-    if (r != 0) return r;
-    bool fired = wait_for([&] { return c.hits >= times; });
-    return fired && (count == nullptr || wait_for([=] { return live(count) == 0; }, 1500)) ? 0 : kWrong;
+// A call that returned 0 must have its effect (kWrong when it does not come).
+R then(u32 r, auto effect) { return r != 0 || eventually(effect) ? r : kWrong; }
+// A start that fires `times` times (and the timer is then released when `count` is given).
+R fires(Ctx& c, u32 r, int times, s32* count = nullptr) {
+    return then(r, [&] { return c.hits >= times && (count == nullptr || live(*count) == 0); });
 }
-R stopped(Ctx& c, u32 r) {
-    return r != 0 || wait_for([&] { return c.dones == 1; }) ? r : kWrong;
-}
+bool one_done(Ctx& c) { return c.dones == 1; }
+R stopped(Ctx& c, u32 r) { return then(r, std::bind(one_done, std::ref(c))); }
 void stop_rel(Ctx& c) {
-    if (QOSA_StopRelTimer_Safe(c.h, done, &c) == 0) wait_for([&] { return c.dones == 1; });
+    if (QOSA_StopRelTimer_Safe(c.h, done, &c) == 0) eventually(std::bind(one_done, std::ref(c)));
     c.hits = c.dones = 0;
 }
 bool member_runs(Ctx& c, u32 m) { return QOSA_StartRelTimerofGrp(c.grp, m, 100000, 7, 0) == 0; }
@@ -185,9 +145,7 @@ bool full_group(Ctx& c) {
     return QOSA_InitReltimerGrp(&c.grp, 2, grp_hit) == 0 && member_runs(c, 0) && member_runs(c, 1);
 }
 R member_fires(Ctx& c) {
-    s_grpHits = 0;
-    u32 r = QOSA_StartRelTimerofGrp(c.grp, 0, 10, 7, 0);
-    return r != 0 || wait_for([] { return s_grpHits >= 4; }) ? r : kWrong;
+    return s_grpHits = 0, then(QOSA_StartRelTimerofGrp(c.grp, 0, 10, 7, 0), [] { return s_grpHits >= 4; });
 }
 
 void new_queue(Ctx& c) { ORV_QueueCreate("q", 4, &c.id, 0, 16); }
@@ -199,11 +157,6 @@ bool same_path(const char* resolved, const char* path) {
     return realpath(path, want) != nullptr && std::strcmp(resolved, want) == 0;
 }
 void put_file(const char* path, const char* text) { std::ofstream(path) << text; }
-bool file_is(const char* path, const char* text) {
-    std::stringstream got;
-    got << std::ifstream(path).rdbuf();
-    return got.str() == text;
-}
 void tracked_free(void* p) { QOSA_MemTypeFreeD(p, QOSA_MEM_DYN, __LINE__, __FILE__); }
 void* block() { return QOSA_MemTypeMallocD(64, QOSA_MEM_DYN, __LINE__, __FILE__); }
 void unique_name(Ctx& c) { std::snprintf(c.b, sizeof c.b, "/qosa_faults_%d", getpid()); }
@@ -224,17 +177,11 @@ Row block_row(const char* name, std::function<R(Ctx&)> call, const void* want, s
     return {name, std::move(call), F(0), same, release, nullptr, flags};
 }
 
-const char kText[] = "h\xC3\xA9llo";
-const char kZeros[12] = {};
+std::string times(int n, const std::string& s) { return n == 0 ? "" : s + times(n - 1, s); }
+const char kText[] = "h\xC3\xA9llo", kLatin[] = "h\xE9llo", kZeros[12] = {};
 const wchar_t kWide[] = L"h\u00E9llo";
-const char kLatin[] = "h\xE9llo";
 const u32 kUnits[] = {'h', 0xE9, 'l', 'l', 'o', 0};
-const std::string kEuros = [] {
-    std::string s;
-    for (int i = 0; i < 400; ++i)
-        s += "\xE2\x82\xAC";
-    return s;
-}();
+const std::string kEuros = times(400, "\xE2\x82\xAC");
 const std::wstring kWideEuros(400, L'\u20AC');
 const QOSA_SysTime kEverySecond{-1, -1, -1, -1, -1, -1, 0, 0, 0, 0, nullptr};
 const in_addr kLoopback{htonl(INADDR_LOOPBACK)};
@@ -244,60 +191,61 @@ constexpr R kQueueNoMem = ORV_QUEUE_ERR_NO_MEMORY;
 // ---- the table: name, call, failure results, success test, undo, set-up, flags ----
 
 const std::vector<Row>& rows() {
-    static const std::vector<Row> table = {
-        Row{"ORV_QueueCreate", CALL(ORV_QueueCreate("q", 4, &c.id, 0, 16)), F(kQueueNoMem), nullptr,
-            DO(ORV_QueueDelete(c.id)), SETUP(ORV_QueueCreate("other", 4, &c.n, 0, 16))},
+    static const std::vector<Row> table{
+        {"ORV_QueueCreate", CALL(ORV_QueueCreate("q", 4, &c.id, 0, 16)), F(kQueueNoMem), nullptr,
+         DO(ORV_QueueDelete(c.id)), SETUP(ORV_QueueCreate("other", 4, &c.n, 0, 16))},
         // The first queue makes the list's head record too, which stays when the queue cannot be made.
-        Row{"ORV_QueueCreate_first", CALL(ORV_QueueCreate("q", 4, &c.id, 0, 16)), F(kQueueNoMem), nullptr,
-            DO(ORV_QueueDelete(c.id)), nullptr, KeepsOnFailure},
-        Row{"ORV_QueueWrite", CALL(ORV_QueueWrite(c.id, "hello", 5, 0)), F(kQueueNoMem),
-            IS(ORV_QueueRead(c.id, 1, c.buf, 16) == 5 && holds_hello(c)), nullptr, SETUP(new_queue(c))},
-        Row{"ORV_QueueRead", CALL(ORV_QueueRead(c.id, 0, c.buf, 16)), F(), IS(r == 5 && holds_hello(c)),
-            DO(write_hello(c)), SETUP(new_queue(c), write_hello(c))},
-        Row{"ORV_QueueDelete", CALL(ORV_QueueDelete(c.id)), F(), nullptr, DO(new_queue(c), write_hello(c)),
-            SETUP(new_queue(c), write_hello(c))},
+        {"ORV_QueueCreate_first", CALL(ORV_QueueCreate("q", 4, &c.id, 0, 16)), F(kQueueNoMem), nullptr,
+         DO(ORV_QueueDelete(c.id)), nullptr, KeepsOnFailure},
+        {"ORV_QueueWrite", CALL(ORV_QueueWrite(c.id, "hello", 5, 0)), F(kQueueNoMem),
+         IS(ORV_QueueRead(c.id, 1, c.buf, 16) == 5 && holds_hello(c)), nullptr, SETUP(new_queue(c))},
+        {"ORV_QueueRead", CALL(ORV_QueueRead(c.id, 0, c.buf, 16)), F(), IS(r == 5 && holds_hello(c)),
+         DO(write_hello(c)), SETUP(new_queue(c), write_hello(c))},
+        {"ORV_QueueDelete", CALL(ORV_QueueDelete(c.id)), F(), nullptr, DO(new_queue(c), write_hello(c)),
+         SETUP(new_queue(c), write_hello(c))},
 
         // The timer service starts with the first timer.
-        Row{"QOSA_StartTimerTask", CALL(QOSA_StartTimerTask(nullptr, nullptr)), F(ENOMEM, EAGAIN), nullptr,
-            DO(QOSA_StopTimerTask()), nullptr, Threads},
-        Row{"QOSA_CreateRelTimerM", CALL(rel_timer(c)), F(0), nullptr, DO(QOSA_FreeRelTimer(c.h), QOSA_StopTimerTask()),
-            nullptr, Threads},
+        // A start that says so has its thread.
+        {"QOSA_StartTimerTask", CALL((c.tid = {}, QOSA_StartTimerTask(&c.tid, nullptr))), F(ENOMEM, EAGAIN),
+         IS(r == 0 && c.tid != pthread_t{}), DO(QOSA_StopTimerTask()), nullptr, Threads},
+        {"QOSA_CreateRelTimerM", CALL(rel_timer(c)), F(0), nullptr, DO(QOSA_FreeRelTimer(c.h), QOSA_StopTimerTask()),
+         nullptr, Threads},
         // A periodic timer keeps firing.
-        Row{"QOSA_StartRelTimer", CALL(fires(c, QOSA_StartRelTimer(c.h, 10, &c), 4)), F(ENOMEM), nullptr,
-            DO(stop_rel(c)), SETUP(rel_timer(c))},
-        Row{"QOSA_StopRelTimer_Safe", CALL(stopped(c, QOSA_StopRelTimer_Safe(c.h, done, &c))), F(ENOMEM), nullptr,
-            DO(restart(c)), SETUP(rel_timer(c), restart(c))},
-        Row{"QOSA_StopRelTimer_SafeEx", CALL(stopped(c, QOSA_StopRelTimer_SafeEx(c.h, done, &c, &c.out))), F(ENOMEM),
-            nullptr, DO(restart(c)), SETUP(rel_timer(c), restart(c))},
-        Row{"QOSA_FreeRelTimer", CALL(QOSA_FreeRelTimer(c.h)), F(ENOMEM), nullptr,
-            DO(r == 0 && rel_timer(c) && restart(c)), SETUP(rel_timer(c), restart(c))},
-        Row{"QOSA_FreeRelTimerArg_safe", CALL(QOSA_FreeRelTimerArg_safe(c.h)), F(ENOMEM), nullptr,
-            DO(if (r == 0) c.h = block()), SETUP(QOSA_StartTimerTask(nullptr, nullptr), c.h = block())},
+        {"QOSA_StartRelTimer", CALL(fires(c, QOSA_StartRelTimer(c.h, 10, &c), 4)), F(ENOMEM), nullptr, DO(stop_rel(c)),
+         SETUP(rel_timer(c))},
+        {"QOSA_StopRelTimer_Safe", CALL(stopped(c, QOSA_StopRelTimer_Safe(c.h, done, &c))), F(ENOMEM), nullptr,
+         DO(restart(c)), SETUP(rel_timer(c), restart(c))},
+        {"QOSA_StopRelTimer_SafeEx", CALL(stopped(c, QOSA_StopRelTimer_SafeEx(c.h, done, &c, &c.out))), F(ENOMEM),
+         nullptr, DO(restart(c)), SETUP(rel_timer(c), restart(c))},
+        {"QOSA_FreeRelTimer", CALL(QOSA_FreeRelTimer(c.h)), F(ENOMEM), nullptr,
+         DO(r == 0 && rel_timer(c) && restart(c)), SETUP(rel_timer(c), restart(c))},
+        {"QOSA_FreeRelTimerArg_safe", CALL(QOSA_FreeRelTimerArg_safe(c.h)), F(ENOMEM), nullptr,
+         DO(if (r == 0) c.h = block()), SETUP(QOSA_StartTimerTask(nullptr, nullptr), c.h = block())},
         // Fires once, then is released and no longer counted.
-        Row{"QOSA_StartRelTimer_Simple", CALL(fires(c, QOSA_StartRelTimer_Simple(10, hit, &c), 1, &g_reltmNum)),
-            F(ENOMEM), nullptr, DO(c.hits = 0), SETUP(QOSA_StartTimerTask(nullptr, nullptr))},
-        Row{"QOSA_CreateAbsTimerM", CALL(abs_timer(c)), F(0), nullptr, DO(QOSA_FreeAbsTimer(c.h), QOSA_StopTimerTask()),
-            nullptr, Threads},
+        {"QOSA_StartRelTimer_Simple", CALL(fires(c, QOSA_StartRelTimer_Simple(10, hit, &c), 1, &g_reltmNum)), F(ENOMEM),
+         nullptr, DO(c.hits = 0), SETUP(QOSA_StartTimerTask(nullptr, nullptr))},
+        {"QOSA_CreateAbsTimerM", CALL(abs_timer(c)), F(0), nullptr, DO(QOSA_FreeAbsTimer(c.h), QOSA_StopTimerTask()),
+         nullptr, Threads},
         // A QOSA_TIMER_ONCE_FREE timer fires once, then is released and no longer counted.
-        Row{"QOSA_StartAbsTimer", CALL(fires(c, QOSA_StartAbsTimer(c.h, &kEverySecond, &c), 1, &g_abstmNum)), F(ENOMEM),
-            nullptr, DO(c.hits = 0, r == 0 && abs_timer(c, QOSA_TIMER_ONCE_FREE)),
-            SETUP(abs_timer(c, QOSA_TIMER_ONCE_FREE)), NoWarm},
-        Row{"QOSA_StopAbsTimer_Safe", CALL(QOSA_StopAbsTimer_Safe(c.h, done, &c)), F(ENOMEM), nullptr, nullptr,
-            SETUP(abs_timer(c)), NoWarm},
-        Row{"QOSA_FreeAbsTimer", CALL(QOSA_FreeAbsTimer(c.h)), F(ENOMEM), nullptr, DO(r == 0 && abs_timer(c)),
-            SETUP(abs_timer(c)), NoWarm},
-        Row{"QOSA_InitReltimerGrp", CALL(QOSA_InitReltimerGrp(&c.grp, 2, grp_hit)), F(0x20160036), nullptr,
-            DO(r == 0 && QOSA_FreeRelTimerGrp(c.grp)), SETUP(QOSA_StartTimerTask(nullptr, nullptr))},
+        {"QOSA_StartAbsTimer", CALL(fires(c, QOSA_StartAbsTimer(c.h, &kEverySecond, &c), 1, &g_abstmNum)), F(ENOMEM),
+         nullptr, DO(c.hits = 0, r == 0 && abs_timer(c, QOSA_TIMER_ONCE_FREE)),
+         SETUP(abs_timer(c, QOSA_TIMER_ONCE_FREE)), NoWarm},
+        {"QOSA_StopAbsTimer_Safe", CALL(QOSA_StopAbsTimer_Safe(c.h, done, &c)), F(ENOMEM), nullptr, nullptr,
+         SETUP(abs_timer(c)), NoWarm},
+        {"QOSA_FreeAbsTimer", CALL(QOSA_FreeAbsTimer(c.h)), F(ENOMEM), nullptr, DO(r == 0 && abs_timer(c)),
+         SETUP(abs_timer(c)), NoWarm},
+        {"QOSA_InitReltimerGrp", CALL(QOSA_InitReltimerGrp(&c.grp, 2, grp_hit)), F(0x20160036), nullptr,
+         DO(r == 0 && QOSA_FreeRelTimerGrp(c.grp)), SETUP(QOSA_StartTimerTask(nullptr, nullptr))},
         // The timer left by a member's failed start is released by its next start.
-        Row{"QOSA_StartRelTimerofGrp", CALL(member_fires(c)), F(0x2016003D), nullptr,
-            DO(r == 0 && QOSA_StopRelTimerofGrp(c.grp, 0)), SETUP(QOSA_InitReltimerGrp(&c.grp, 2, grp_hit)),
-            KeepsOnFailure},
-        Row{"QOSA_StopRelTimerofGrp", CALL(QOSA_StopRelTimerofGrp(c.grp, 0)), F(0x20160043), nullptr,
-            DO(r == 0 && member_runs(c, 0)), SETUP(QOSA_InitReltimerGrp(&c.grp, 2, grp_hit), member_runs(c, 0))},
+        {"QOSA_StartRelTimerofGrp", CALL(member_fires(c)), F(0x2016003D), nullptr,
+         DO(r == 0 && QOSA_StopRelTimerofGrp(c.grp, 0)), SETUP(QOSA_InitReltimerGrp(&c.grp, 2, grp_hit)),
+         KeepsOnFailure},
+        {"QOSA_StopRelTimerofGrp", CALL(QOSA_StopRelTimerofGrp(c.grp, 0)), F(0x20160043), nullptr,
+         DO(r == 0 && member_runs(c, 0)), SETUP(QOSA_InitReltimerGrp(&c.grp, 2, grp_hit), member_runs(c, 0))},
         // A failed free leaves the members it had not reached: the caller frees again. The group's memory may
         // wait for the service's teardown (the stop here), but no longer.
-        Row{"QOSA_FreeRelTimerGrp", CALL(QOSA_FreeRelTimerGrp(c.grp)), F(0x20160048), nullptr,
-            DO(r != 0 && QOSA_FreeRelTimerGrp(c.grp), QOSA_StopTimerTask(), full_group(c)), SETUP(full_group(c))},
+        {"QOSA_FreeRelTimerGrp", CALL(QOSA_FreeRelTimerGrp(c.grp)), F(0x20160048), nullptr,
+         DO(r != 0 && QOSA_FreeRelTimerGrp(c.grp), QOSA_StopTimerTask(), full_group(c)), SETUP(full_group(c))},
 
         block_row("ORV_Utf8ToUnicodeW", CALL(ORV_Utf8ToUnicodeW(kText)), kWide, sizeof kWide),
         // Long multi-byte text is moved to a block of its size.
@@ -316,56 +264,54 @@ const std::vector<Row>& rows() {
         block_row("MemCallocMem", CALL(MemCallocMem(__FILE__, __LINE__, 3, 4)), kZeros, 12, tracked_free, TrackedOnly),
         block_row("MemAlignMem", CALL(MemAlignMem(__FILE__, __LINE__, 0, 200)), "", 0, tracked_free, TrackedOnly),
         // When the block cannot grow, the old one stays as it was.
-        Row{"MemReAllocMem", CALL(MemReAllocMem(__FILE__, __LINE__, c.h, 64)), F(0),
-            IS(std::memcmp(ptr(r), "abcd", 4) == 0),
-            DO(c.h = r != 0 ? ptr(r) : c.h; std::memcmp(c.h, "abcd", 4) && (complain("the old block changed"), 0)),
-            SETUP(c.h = std::memcpy(MemAllocMem(__FILE__, __LINE__, 4, 0), "abcd", 4)), TrackedOnly},
-        Row{"QOSA_MemGetMemRec", CALL(QOSA_MemGetMemRec(0, 1, nullptr, sink)), F(), nullptr, nullptr,
-            SETUP(c.h = MemAllocMem(__FILE__, __LINE__, 4, 0)), TrackedOnly},
-        Row{"QOSA_MemGetMemScan", CALL(QOSA_MemGetMemScan(sink)), F(1), nullptr, nullptr,
-            SETUP(sysMemLogMemErr(nullptr, 1, "x.c", 1, 0, QOSA_MEM_NO_MEM)), TrackedOnly},
-        Row{"MemRecordMemRecFun", CALL((MemRecordMemRecFun(c.a), 0)), F(), nullptr, DO(unlink(c.a)), nullptr,
-            TrackedOnly | Opens},
+        {"MemReAllocMem", CALL(MemReAllocMem(__FILE__, __LINE__, c.h, 64)), F(0),
+         IS(std::memcmp(ptr(r), "abcd", 4) == 0),
+         DO(c.h = r != 0 ? ptr(r) : c.h; std::memcmp(c.h, "abcd", 4) && (complain("the old block changed"), 0)),
+         SETUP(c.h = std::memcpy(MemAllocMem(__FILE__, __LINE__, 4, 0), "abcd", 4)), TrackedOnly},
+        {"QOSA_MemGetMemRec", CALL(QOSA_MemGetMemRec(0, 1, nullptr, sink)), F(), nullptr, nullptr,
+         SETUP(c.h = MemAllocMem(__FILE__, __LINE__, 4, 0)), TrackedOnly},
+        {"QOSA_MemGetMemScan", CALL(QOSA_MemGetMemScan(sink)), F(1), nullptr, nullptr,
+         SETUP(sysMemLogMemErr(nullptr, 1, "x.c", 1, 0, QOSA_MEM_NO_MEM)), TrackedOnly},
+        {"MemRecordMemRecFun", CALL((MemRecordMemRecFun(c.a), 0)), F(), nullptr, DO(unlink(c.a)), nullptr,
+         TrackedOnly | Opens},
 
-        Row{"QOSA_ScanDir", CALL(QOSA_ScanDir(c.dir, &c.list, nullptr, nullptr)), F(-1), IS(r == 4),
-            DO(if (r > 0) QOSA_DestoryNameList(c.list, static_cast<u32>(r))),
-            SETUP(put_file(c.a, "a"), put_file(c.b, "b")), Opens},
-        Row{"QOSA_MkDir_P", CALL(QOSA_MkDir_P(c.buf, 0700)), F(-1), IS(r == 0 && access(c.buf, F_OK) == 0),
-            DO(std::filesystem::remove_all(c.a)), SETUP(std::snprintf(c.buf, sizeof c.buf, "%s/a/x/y", c.dir))},
-        Row{"QOSA_RelPath", CALL(QOSA_RelPath(c.b, c.buf, sizeof c.buf)), F(1), IS(r == 0 && same_path(c.buf, c.a)),
-            nullptr, SETUP(mkdir(c.a, 0700), std::snprintf(c.b, sizeof c.b, "%s/a/../a", c.dir))},
-        Row{"QOSA_CopyFile", CALL(QOSA_CopyFile(c.a, c.b)), F(-1), IS(r == 0 && file_is(c.b, "payload")),
-            DO(unlink(c.b)), SETUP(put_file(c.a, "payload")), Opens},
-        Row{"QOSA_Fopen", CALL(QOSA_Fopen(c.dir, "r")), F(0), nullptr, DO(r && QOSA_Fclose(ptr<FILE>(r))), nullptr,
-            Opens},
-        Row{"QOSA_OpenDir", CALL(QOSA_OpenDir(c.dir)), F(0), nullptr, DO(r && QOSA_CloseDir(ptr<DIR>(r))), nullptr,
-            Opens},
-        Row{"QOSA_TmpFile", CALL(QOSA_TmpFile()), F(0), nullptr, DO(r && QOSA_Fclose(ptr<FILE>(r))), nullptr, Opens},
-        Row{"QOSA_Creat", CALL(QOSA_Creat(c.a, 0600)), F(-1), IS(r >= 0), DO(close(int(r))), nullptr, Opens},
-        Row{"QOSA_Open", CALL(QOSA_Open(c.a, O_RDWR | O_CREAT, 0600)), F(-1), IS(r >= 0), DO(close(int(r))), nullptr,
-            Opens},
+        {"QOSA_ScanDir", CALL(QOSA_ScanDir(c.dir, &c.list, nullptr, nullptr)), F(-1), IS(r == 4),
+         DO(if (r > 0) QOSA_DestoryNameList(c.list, static_cast<u32>(r))),
+         SETUP(put_file(c.a, "a"), put_file(c.b, "b")), Opens},
+        {"QOSA_MkDir_P", CALL(QOSA_MkDir_P(c.buf, 0700)), F(-1), IS(r == 0 && access(c.buf, F_OK) == 0),
+         DO(std::filesystem::remove_all(c.a)), SETUP(std::snprintf(c.buf, sizeof c.buf, "%s/a/x/y", c.dir))},
+        {"QOSA_RelPath", CALL(QOSA_RelPath(c.b, c.buf, sizeof c.buf)), F(1), IS(r == 0 && same_path(c.buf, c.a)),
+         nullptr, SETUP(mkdir(c.a, 0700), std::snprintf(c.b, sizeof c.b, "%s/a/../a", c.dir))},
+        {"QOSA_CopyFile", CALL(QOSA_CopyFile(c.a, c.b)), F(-1), IS(r == 0 && slurp(c.b) == "payload"), DO(unlink(c.b)),
+         SETUP(put_file(c.a, "payload")), Opens},
+        {"QOSA_Fopen", CALL(QOSA_Fopen(c.dir, "r")), F(0), nullptr, DO(r && QOSA_Fclose(ptr<FILE>(r))), nullptr, Opens},
+        {"QOSA_OpenDir", CALL(QOSA_OpenDir(c.dir)), F(0), nullptr, DO(r && QOSA_CloseDir(ptr<DIR>(r))), nullptr, Opens},
+        {"QOSA_TmpFile", CALL(QOSA_TmpFile()), F(0), nullptr, DO(r && QOSA_Fclose(ptr<FILE>(r))), nullptr, Opens},
+        {"QOSA_Creat", CALL(QOSA_Creat(c.a, 0600)), F(-1), IS(r >= 0), DO(close(int(r))), nullptr, Opens},
+        {"QOSA_Open", CALL(QOSA_Open(c.a, O_RDWR | O_CREAT, 0600)), F(-1), IS(r >= 0), DO(close(int(r))), nullptr,
+         Opens},
 
-        Row{"QOSA_OS_GetCPUBusyRateAll", CALL(QOSA_OS_GetCPUBusyRateAll(&c.u)), F(2), IS(r == 0 && c.u <= 10000),
-            nullptr, nullptr, Opens},
-        Row{"QOSA_OS_GetCPUBusyRate", CALL(QOSA_OS_GetCPUBusyRate(&c.n, &c.procs)), F(1, 2), IS(r == 0 && c.n > 0),
-            DO(tracked_free(c.procs)), nullptr, Opens | Racy},
-        Row{"QOSA_OS_GetMEMAllocRate", CALL(QOSA_OS_GetMEMAllocRate(&c.u, &c.v, &c.n, &c.procs)), F(1, 2),
-            IS(r == 0 && c.n > 0 && c.u >= c.v), DO(tracked_free(c.procs), c.procs = nullptr), nullptr, Opens},
-        Row{"QOSA_OS_GetProcThread", CALL(QOSA_OS_GetProcThread(c.name, &c.n, &c.threads)), F(1, 2),
-            IS(r == 0 && c.threads != nullptr), DO(tracked_free(c.threads)), nullptr, Opens | Racy},
+        {"QOSA_OS_GetCPUBusyRateAll", CALL(QOSA_OS_GetCPUBusyRateAll(&c.u)), F(2), IS(r == 0 && c.u <= 10000), nullptr,
+         nullptr, Opens},
+        {"QOSA_OS_GetCPUBusyRate", CALL(QOSA_OS_GetCPUBusyRate(&c.n, &c.procs)), F(1, 2), IS(r == 0 && c.n > 0),
+         DO(tracked_free(c.procs)), nullptr, Opens | Racy},
+        {"QOSA_OS_GetMEMAllocRate", CALL(QOSA_OS_GetMEMAllocRate(&c.u, &c.v, &c.n, &c.procs)), F(1, 2),
+         IS(r == 0 && c.n > 0 && c.u >= c.v), DO(tracked_free(c.procs), c.procs = nullptr), nullptr, Opens},
+        {"QOSA_OS_GetProcThread", CALL(QOSA_OS_GetProcThread(c.name, &c.n, &c.threads)), F(1, 2),
+         IS(r == 0 && c.threads != nullptr), DO(tracked_free(c.threads)), nullptr, Opens | Racy},
 
-        Row{"QOSA_SemOpen", CALL(QOSA_SemOpen(c.b, O_CREAT, 0600, 1)), F(0), nullptr,
-            DO(QOSA_SemClose(ptr<QOSA_SEM_S>(r)), QOSA_SemUnLink(c.b)), SETUP(unique_name(c)), Opens},
-        Row{"QOSA_Socket", CALL(QOSA_Socket(AF_INET, SOCK_DGRAM, 0)), F(-1), IS(r >= 0), DO(close(int(r))), nullptr,
-            Opens},
-        Row{"QOSA_IsLocalIp", CALL(QOSA_IsLocalIp(kLoopback.s_addr)), F(0), IS(r == 1), nullptr, nullptr, Opens},
-        Row{"QOSA_IsLocalIp6", CALL(QOSA_IsLocalIp6(AF_INET, &kLoopback)), F(0), IS(r == 1), nullptr, nullptr, Opens},
-        Row{"QOSA_PortStat", CALL(QOSA_PortStat(c.u, QOSA_PORT_TCP)), F(0), IS(r == 1), nullptr,
-            SETUP(c.u = listening_port()), Opens},
-        Row{"QOSA_GetAddrInfo", CALL(QOSA_GetAddrInfo("127.0.0.1", "80", &kNumeric, &c.ai)), F(-1), nullptr,
-            DO(QOSA_FreeAddrInfo(c.ai), c.ai = nullptr)},
-        Row{"QOSA_PthreadCreate", CALL(QOSA_PthreadCreate(&c.tid, nullptr, idle, nullptr)), F(EAGAIN), nullptr,
-            DO(r == 0 && QOSA_PthreadJoin(c.tid, nullptr)), nullptr, Threads},
+        {"QOSA_SemOpen", CALL(QOSA_SemOpen(c.b, O_CREAT, 0600, 1)), F(0), nullptr,
+         DO(QOSA_SemClose(ptr<QOSA_SEM_S>(r)), QOSA_SemUnLink(c.b)), SETUP(unique_name(c)), Opens},
+        {"QOSA_Socket", CALL(QOSA_Socket(AF_INET, SOCK_DGRAM, 0)), F(-1), IS(r >= 0), DO(close(int(r))), nullptr,
+         Opens},
+        {"QOSA_IsLocalIp", CALL(QOSA_IsLocalIp(kLoopback.s_addr)), F(0), IS(r == 1), nullptr, nullptr, Opens},
+        {"QOSA_IsLocalIp6", CALL(QOSA_IsLocalIp6(AF_INET, &kLoopback)), F(0), IS(r == 1), nullptr, nullptr, Opens},
+        {"QOSA_PortStat", CALL(QOSA_PortStat(c.u, QOSA_PORT_TCP)), F(0), IS(r == 1), nullptr,
+         SETUP(c.u = listening_port()), Opens},
+        {"QOSA_GetAddrInfo", CALL(QOSA_GetAddrInfo("127.0.0.1", "80", &kNumeric, &c.ai)), F(-1), nullptr,
+         DO(QOSA_FreeAddrInfo(c.ai), c.ai = nullptr)},
+        {"QOSA_PthreadCreate", CALL(QOSA_PthreadCreate(&c.tid, nullptr, idle, nullptr)), F(EAGAIN), nullptr,
+         DO(r == 0 && QOSA_PthreadJoin(c.tid, nullptr)), nullptr, Threads},
     };
     return table;
 }
@@ -377,30 +323,28 @@ struct State {
     long blocks = 0;
     u32 tracked = 0;
     s32 rel = 0, abs = 0;
-    int tasks = 0, nfds = 0;
-    int fds[64] = {};
+    int tasks = 0, nfds = 0, fds[64] = {};
     bool operator==(const State&) const = default;
-
-    static void each(const char* dir, const std::function<void(int)>& fn) {
-        DIR* d = opendir(dir);
-        for (dirent* e; d != nullptr && (e = readdir(d)) != nullptr;)
-            if (e->d_name[0] != '.' && std::atoi(e->d_name) != dirfd(d)) fn(std::atoi(e->d_name));
-        if (d != nullptr) closedir(d);
-    }
-    static State now() {
-        State s;
-        s.blocks = fault::live_blocks();
-        s.tracked = qosa::mem::load(qosa::mem::g_MemMonitorRecord.ulCurCnt);
-        s.rel = live(&g_reltmNum), s.abs = live(&g_abstmNum);
-        each("/proc/self/task", [&](int) { ++s.tasks; });
-        each("/proc/self/fd", [&](int fd) { s.nfds < 64 ? void(s.fds[s.nfds++] = fd) : void(); });
-        return s;
-    }
 };
+// Calls fn with each number listed in a /proc directory (but the listing's own descriptor).
+template <class Fn>
+void each(const char* dir, Fn fn) {
+    DIR* d = opendir(dir);
+    for (dirent* e; d != nullptr && (e = readdir(d)) != nullptr;)
+        if (e->d_name[0] != '.' && std::atoi(e->d_name) != dirfd(d)) fn(std::atoi(e->d_name));
+    if (d != nullptr) closedir(d);
+}
+State now() {
+    State s{fault::live_blocks(), qosa::mem::load(qosa::mem::g_MemMonitorRecord.ulCurCnt), live(g_reltmNum),
+            live(g_abstmNum)};
+    each("/proc/self/task", [&](int) { ++s.tasks; });
+    each("/proc/self/fd", [&](int fd) { s.nfds < 64 ? void(s.fds[s.nfds++] = fd) : void(); });
+    return s;
+}
 
 void settle(const State& want, const char* when) {
     State s;
-    if (wait_for([&] { return (s = State::now()) == want; })) return;
+    if (eventually([&] { return (s = now()) == want; })) return;
     complain("%s: left behind: blocks %ld -> %ld, tracked %u -> %u, threads %d -> %d, relative timers %d -> %d, "
              "absolute timers %d -> %d, descriptors %d -> %d",
              when, want.blocks, s.blocks, want.tracked, s.tracked, want.tasks, s.tasks, want.rel, s.rel, want.abs,
@@ -414,27 +358,28 @@ bool is_success(Ctx& c, const Row& row, R r) { return row.ok ? row.ok(c, r) : r 
 void attempt(Ctx& c, const Row& row, const char* what) {
     R r = row.call(c);
     for (int i = 0; (row.flags & Racy) && is_failure(row, r) && i < 20; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5)), r = row.call(c);
+        std::this_thread::sleep_for(5ms), r = row.call(c);
     if (is_failure(row, r) || !is_success(c, row, r)) complain("%s: result %lld without a fault", what, r);
     if (row.undo) row.undo(c, r);
 }
 
-// Leaves exactly `spare` descriptor numbers free below the limit.
+// Leaves exactly `spare` descriptor numbers free below the limit; returns the old limit.
 rlimit limit_fds(long spare) {
     rlimit old{};
     getrlimit(RLIMIT_NOFILE, &old);
-    State s = State::now();
+    const State s = now();
     rlim_t lim = 0;
     for (long free = 0;; ++lim)
         if (std::find(s.fds, s.fds + s.nfds, static_cast<int>(lim)) == s.fds + s.nfds && free++ == spare) break;
-    rlimit low{lim, old.rlim_max};
+    const rlimit low{lim, old.rlim_max};
     setrlimit(RLIMIT_NOFILE, &low);
     return old;
 }
 
-[[noreturn]] void child(const Row& row, const Case& cs, int out) {
+[[noreturn]] void child(const Row& row, Case& cs) {
     s_row = &row, s_case = cs;
-    int said = memfd_create("said", 0); // the library's diagnostics, quoted by complain()
+    alarm(60);                                // a case that hangs is killed
+    const int said = memfd_create("said", 0); // the library's diagnostics, quoted by complain()
     dup2(said, STDOUT_FILENO), close(said);
     tzset(); // the time zone is loaded once per process
     if (cs.tracked) QOSA_MemInitMemMange();
@@ -442,34 +387,28 @@ rlimit limit_fds(long spare) {
     if (mkdtemp(c.dir) == nullptr) std::exit(2);
     std::snprintf(c.a, sizeof c.a, "%s/a", c.dir), std::snprintf(c.b, sizeof c.b, "%s/b", c.dir);
     // Unique even beside another process tree whose numbers overlap this one's.
-    char name[16];
-    std::snprintf(name, sizeof name, "qk%d.%05x", getpid(), static_cast<unsigned>(Clock::now().time_since_epoch().count() & 0xfffff));
-    std::snprintf(c.name, sizeof c.name, "%s", qosa_test::name_self(name).c_str());
+    std::snprintf(c.name, sizeof c.name, "qk%d.%05x", getpid(),
+                  unsigned(Clock::now().time_since_epoch().count()) & 0xfffff);
+    std::snprintf(c.name, sizeof c.name, "%s", name_self(c.name).c_str());
     if (row.setup) row.setup(c);
     if (!(row.flags & NoWarm)) attempt(c, row, "warm-up");
-    State before = State::now();
-    // Until the timer thread ran what was queued and a thread that was joined is gone from the task list too
-    // (under qemu-user its host thread lingers for a while).
-    const auto still = std::chrono::milliseconds(qosa_test::kUnderEmulator ? 100 : 20);
+    // Waits until the timer thread ran what was queued and a joined thread is
+    // gone from the task list too (under qemu-user its host thread lingers).
+    State before = now();
     for (State was{}; !(was == before);)
-        std::this_thread::sleep_for(still), was = before, before = State::now();
+        std::this_thread::sleep_for(kUnderEmulator ? 100ms : 20ms), was = before, before = now();
 
     rlimit fds{};
-    if (cs.fault == Fault::Fds) fds = limit_fds(cs.k);
-    using K = fault::Kind;
-    fault::arm(cs.fault == Fault::Alloc    ? K::Alloc
-               : cs.fault == Fault::Thread ? K::Thread
-               : cs.fault == Fault::Maps   ? K::Maps
-                                           : K::None,
-               cs.k);
-    R r = row.call(c);
-    bool struck = fault::disarm();
-    const long seen = fault::seen();
-    if (cs.fault == Fault::Fds) setrlimit(RLIMIT_NOFILE, &fds);
+    if (cs.fault == Fds) fds = limit_fds(cs.k);
+    fault::arm(cs.fault, cs.k);
+    const R r = row.call(c);
+    const bool struck = fault::disarm();
+    cs.seen = fault::seen();
+    if (cs.fault == Fds) setrlimit(RLIMIT_NOFILE, &fds);
 
     const bool failed = is_failure(row, r);
-    if (cs.fault == Fault::Fds) struck = failed;
-    if (failed && (!struck || cs.fault == Fault::Maps) && !(row.flags & Racy))
+    cs.struck = cs.fault == Fds ? failed : struck;
+    if (failed && (!cs.struck || cs.fault == Maps) && !(row.flags & Racy))
         complain("fails (%lld) without the fault", r);
     if (!failed && !is_success(c, row, r)) complain("result %lld: neither the documented failure nor a success", r);
     if (row.undo) row.undo(c, r);
@@ -477,59 +416,8 @@ rlimit limit_fds(long spare) {
     attempt(c, row, "called again");
     settle(before, "after calling again");
     std::filesystem::remove_all(c.dir);
-    Outcome o{!s_bad, struck, seen};
-    if (write(out, &o, sizeof o) != sizeof o) std::exit(3);
-    std::exit(0); // not _exit: coverage data is written at exit
-}
-
-// ---- the parent ----
-
-long s_cases[2] = {0, 0}; // cases run, tracking off and on
-
-// Runs cases of a row in child processes, a few at a time; a child that hangs is killed.
-std::vector<Outcome> run(const Row& row, const std::vector<Case>& cases) {
-    std::vector<Outcome> outs(cases.size(), Outcome{false, false, 0});
-    struct Kid {
-        pid_t pid;
-        int fd;
-        std::size_t i;
-        Clock::time_point start;
-    };
-    std::vector<Kid> kids;
-    for (std::size_t next = 0; next < cases.size() || !kids.empty();) {
-        while (next < cases.size() && kids.size() < 6) {
-            int p[2];
-            if (pipe(p) != 0) return outs;
-            std::fflush(nullptr);
-            pid_t pid = fork();
-            if (pid == 0) close(p[0]), child(row, cases[next], p[1]);
-            close(p[1]);
-            ++s_cases[cases[next].tracked];
-            kids.push_back({pid, p[0], next++, Clock::now()});
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        for (auto it = kids.begin(); it != kids.end();) {
-            int status = 0;
-            pid_t w = waitpid(it->pid, &status, WNOHANG);
-            const bool hung = w == 0 && Clock::now() - it->start > std::chrono::seconds(60);
-            if (w == 0 && !hung) {
-                ++it;
-                continue;
-            }
-            if (hung) kill(it->pid, SIGKILL), waitpid(it->pid, &status, 0);
-            Outcome& o = outs[it->i];
-            if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || read(it->fd, &o, sizeof o) != sizeof o) o.ok = false;
-            const Case& cs = cases[it->i];
-            EXPECT_TRUE(o.ok) << row.name << ", tracking " << (cs.tracked ? "on, " : "off, ")
-                              << kFaultNames[static_cast<int>(cs.fault)] << " " << cs.k
-                              << (hung                  ? ": hangs"
-                                  : WIFSIGNALED(status) ? ": killed by a signal"
-                                                        : "");
-            close(it->fd);
-            it = kids.erase(it);
-        }
-    }
-    return outs;
+    cs.ok = !s_bad;
+    std::exit(0); // not _exit: coverage data is written, and a leak checker checks, at exit
 }
 
 // Every k of the first 64 (the first turns of every loop: the scans of /proc
@@ -545,36 +433,52 @@ std::vector<long> plan(long n) {
 
 class Faults : public ::testing::TestWithParam<Row> {};
 
+// Runs the cases of a row in child processes, six at a time. A case may ask for
+// more: a dry run for each k of the allocations it counted, a run short of
+// descriptors for one more.
 TEST_P(Faults, Sweep) {
     const Row& row = GetParam();
-    s_cases[0] = s_cases[1] = 0;
-    std::vector<Case> cases;
+    std::vector<Case> todo;
     for (bool tracked : {false, true}) {
         if (!tracked && (row.flags & TrackedOnly)) continue;
-        cases.push_back({tracked, Fault::Alloc, 0}); // counts the allocations; completes
-        if (row.flags & Opens) cases.push_back({tracked, Fault::Fds, 0});
-        if (row.flags & Threads) cases.push_back({tracked, Fault::Thread, 1});
-        if (tracked) cases.push_back({tracked, Fault::Maps, 1});
+        todo.push_back({tracked, Alloc, 0}); // counts the allocations; completes
+        if (row.flags & Opens) todo.push_back({tracked, Fds, 0});
+        if (row.flags & Threads) todo.push_back({tracked, Thread, 1});
+        if (tracked) todo.push_back({tracked, Maps, 1});
     }
-    // Each round runs what the last one asked for: the allocations a dry run
-    // counted, one more descriptor while a call still ran short of them.
-    while (!cases.empty()) {
-        std::vector<Outcome> outs = run(row, cases);
-        std::vector<Case> more;
-        for (std::size_t i = 0; i < cases.size(); ++i) {
-            const Case& cs = cases[i];
-            if (cs.fault == Fault::Alloc && cs.k == 0)
-                for (long k : plan(outs[i].seen))
-                    more.push_back({cs.tracked, Fault::Alloc, k});
-            if (cs.fault == Fault::Fds && outs[i].struck) {
-                ASSERT_LT(cs.k, 16) << row.name << " never completes with descriptors";
-                more.push_back({cs.tracked, Fault::Fds, cs.k + 1});
-            }
-            EXPECT_TRUE(cs.fault != Fault::Thread || outs[i].struck) << row.name << " creates no thread";
+    std::map<pid_t, Case*> kids;
+    long count[2] = {0, 0}; // cases run, tracking off and on
+    while (!todo.empty() || !kids.empty()) {
+        if (!todo.empty() && kids.size() < 6) {
+            auto* cs = static_cast<Case*>(
+                mmap(nullptr, sizeof(Case), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+            ASSERT_NE(cs, MAP_FAILED);
+            *cs = todo.back();
+            todo.pop_back(), ++count[cs->tracked];
+            std::fflush(nullptr);
+            const pid_t pid = fork();
+            if (pid == 0) child(row, *cs);
+            kids[pid] = cs;
+            continue;
         }
-        cases = std::move(more);
+        int status = 0;
+        const auto kid = kids.find(wait(&status));
+        ASSERT_TRUE(kid != kids.end()) << row.name << ": no child to wait for";
+        const Case cs = *kid->second;
+        munmap(kid->second, sizeof(Case)), kids.erase(kid);
+        EXPECT_TRUE(cs.ok && WIFEXITED(status) && WEXITSTATUS(status) == 0)
+            << describe(row, cs)
+            << (!WIFSIGNALED(status)          ? ""
+                : WTERMSIG(status) == SIGALRM ? ": hangs"
+                                              : ": killed by a signal");
+        EXPECT_TRUE(cs.fault != Thread || cs.struck) << row.name << " creates no thread";
+        EXPECT_TRUE(cs.fault != Fds || cs.k < 16) << row.name << " never completes with descriptors";
+        if (cs.fault == Alloc && cs.k == 0)
+            for (long k : plan(cs.seen))
+                todo.push_back({cs.tracked, Alloc, k});
+        if (cs.fault == Fds && cs.struck && cs.k < 16) todo.push_back({cs.tracked, Fds, cs.k + 1});
     }
-    std::printf("%s: %ld cases, tracking off %ld, on %ld\n", row.name, s_cases[0] + s_cases[1], s_cases[0], s_cases[1]);
+    std::printf("%s: %ld cases, tracking off %ld, on %ld\n", row.name, count[0] + count[1], count[0], count[1]);
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryEntryPoint, Faults, ::testing::ValuesIn(rows()),
@@ -582,15 +486,15 @@ INSTANTIATE_TEST_SUITE_P(EveryEntryPoint, Faults, ::testing::ValuesIn(rows()),
 
 // Past the kernel's map budget mprotect refuses guard pages: the blocks are
 // served and tracked all the same, their guard words still find an overflow,
-// and the refusal is said once on standard output.
+// and the refusal is said once on standard output (repeated on standard error
+// for the death test's pattern).
 bool refused_guard_pages() {
     char said[] = "/tmp/qosa_guard_XXXXXX";
-    int fd = mkstemp(said);
-    dup2(fd, STDOUT_FILENO);
+    dup2(mkstemp(said), STDOUT_FILENO);
     QOSA_MemInitMemMange();
     for (int i = 0; i < 3; ++i)
         MemAllocMem(__FILE__, __LINE__, 16, 0);
-    fault::arm(fault::Kind::Maps);
+    fault::arm(Maps);
     auto* a = static_cast<char*>(MemAllocMem(__FILE__, __LINE__, 5, 0));
     auto* b = static_cast<char*>(MemAllocMem(__FILE__, __LINE__, 4096, 0));
     const bool refused = fault::disarm();
@@ -599,18 +503,14 @@ bool refused_guard_pages() {
     a[5] ^= 1; // the tail guard
     const u32 damaged = MemFreeMem(__FILE__, __LINE__, a, 0), good = MemFreeMem(__FILE__, __LINE__, b, 0);
     std::fflush(stdout);
-    std::stringstream text;
-    text << std::ifstream(said).rdbuf();
-    unlink(said);
-    const std::string out = text.str();
-    std::fprintf(stderr, "%s", out.c_str());
-    return refused && tracked && damaged == QOSA_MEM_DOWN_OVERFLOW && good == 0 &&
-           out.find("past 3 guarded blocks") != std::string::npos &&
-           out.find("sysctl vm.max_map_count") != std::string::npos && out.find('\n') == out.size() - 1;
+    const std::string out = slurp(said);
+    unlink(said), std::fprintf(stderr, "%s", out.c_str());
+    return refused && tracked && damaged == QOSA_MEM_DOWN_OVERFLOW && good == 0 && out.find('\n') == out.size() - 1;
 }
 
-TEST(GuardPages, RefusedOnesAreSaidOnceAndBlocksStayChecked) {
-    EXPECT_EXIT(std::exit(refused_guard_pages() ? 0 : 1), ::testing::ExitedWithCode(0), "");
+TEST(MemAllocMem, RefusedGuardPagesAreSaidOnceAndBlocksStayChecked) {
+    EXPECT_EXIT(std::exit(refused_guard_pages() ? 0 : 1), ::testing::ExitedWithCode(0),
+                "past 3 guarded blocks.*sysctl vm.max_map_count");
 }
 
 } // namespace
