@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <thread>
+#include <vector>
 
 #include "qosa.h"
 #include "support.h"
@@ -17,7 +18,8 @@ using namespace std::chrono_literals;
 // Sanitized builds run the timer thread several times slower.
 inline constexpr int kSlack = kUnderTsan || kUnderAsan ? 4 : 1;
 
-inline const QOSA_SysTime kEverySecond{-1, -1, -1, -1, -1, -1, 0, 0, 0, 0, nullptr};
+// Results of calls made in order (a braced list runs them left to right), checked at once.
+using Codes = std::vector<u32>;
 
 // Polls done() until it holds or the limit (times kSlack) passes.
 template <class Pred>
@@ -29,9 +31,6 @@ bool eventually(Pred done, std::chrono::milliseconds limit = 3s) {
 
 // The live counts change on the timer thread: read them atomically.
 inline s32 live(s32& count) { return std::atomic_ref<s32>(count).load(); }
-
-// A timer callback counting its calls in the std::atomic<int> it is given.
-inline void count_up(void* counter) { static_cast<std::atomic<int>*>(counter)->fetch_add(1); }
 
 // Live tracked blocks whose source file name contains each filter, summed.
 template <class... Filters>
