@@ -274,7 +274,7 @@ TEST_F(TimerService, StartAbsTimerFullAndEverySecondPatternsInEachMode) {
 }
 
 // Each code in the order the checks run (out, proc, count; group, index, mode).
-TEST_F(TimerService, RelTimerGrpResultCodesInCheckOrder) {
+TEST_F(TimerService, InitReltimerGrpAndMemberCallsResultCodesInCheckOrder) {
     QOSA_RelTimerGrp* g = nullptr;
     // Count 0: no block of 0 bytes.
     EXPECT_EQ(Codes({QOSA_InitReltimerGrp(nullptr, 2001, nullptr), QOSA_InitReltimerGrp(&g, 2001, nullptr),
@@ -289,13 +289,4 @@ TEST_F(TimerService, RelTimerGrpResultCodesInCheckOrder) {
                      QOSA_StopRelTimerofGrp(g, 3), QOSA_StopRelTimerofGrp(g, 2), QOSA_FreeRelTimerGrp(&invalid),
                      QOSA_FreeRelTimerGrp(g)}), // the service never ran: released at once
               Codes({0x20160039, 0x2016003B, 0x2016003C, 0x20160041, 0x20160042, 0x20160044, 0x20160047, 0}));
-
-    // A member whose timer cannot be made.
-    QOSA_TMRSetMaxReltmNum(1);
-    ASSERT_EQ(QOSA_InitReltimerGrp(&g, 1, on_expiry), 0u);
-    void* other = create(QOSA_TIMER_LOOP);
-    EXPECT_EQ(Codes({QOSA_StartRelTimerofGrp(g, 0, 100, 1, 0), QOSA_FreeRelTimer(other),
-                     QOSA_StartRelTimerofGrp(g, 0, 100, 1, 0), QOSA_FreeRelTimerGrp(g), QOSA_StopTimerTask()}),
-              Codes({0x2016003D, 0, 0, 0, 0}));
-    QOSA_TMRSetMaxReltmNum(2000);
 }
