@@ -4,6 +4,7 @@
 // block behind. (Memory running out is the fault sweep's part.)
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <new>
 #include <random>
 #include <vector>
@@ -31,13 +32,22 @@ void fired(void* ctx) {
 void mark_dead(void* ctx) { static_cast<Ctx*>(ctx)->dead = 1; }
 void* create(u32 mode) { return QOSA_CreateRelTimerM(fired, mode, __LINE__, kFile); }
 
+// The live tracked blocks whose source file name contains filter.
+std::vector<QOSA_MEM_REC_S> records(const char* filter) {
+    QOSA_MEM_REC_S* recs = nullptr;
+    const u32 n = sysMemSortMemInfo(&recs, const_cast<char*>(filter), 2);
+    std::vector<QOSA_MEM_REC_S> out(recs, recs + n);
+    std::free(recs);
+    return out;
+}
+
 class TimerTracked : public ::testing::Test {
   protected:
     static void SetUpTestSuite() { QOSA_MemInitMemMange(); }
     void SetUp() override { ASSERT_EQ(QOSA_StartTimerTask(nullptr, nullptr), 0u); }
     void TearDown() override {
         EXPECT_EQ(QOSA_StopTimerTask(), 0u);
-        EXPECT_EQ(blocks("tmr_", "timer_tracked"), 0u) << "the stop freed everything";
+        EXPECT_EQ(records("tmr_").size() + records("timer_tracked").size(), 0u) << "the stop freed everything";
     }
 };
 
@@ -47,10 +57,9 @@ class TimerTracked : public ::testing::Test {
 TEST_F(TimerTracked, InitReltimerGrpBlocksNameTheirCalls) {
     QOSA_RelTimerGrp* g = nullptr;
     ASSERT_EQ(QOSA_InitReltimerGrp(&g, 2, [](u32, u32) {}), 0u);
-    QOSA_MEM_REC_S* recs = nullptr;
-    ASSERT_EQ(sysMemSortMemInfo(&recs, const_cast<char*>("tmr_group"), 2), 2u); // the group and its members
+    const std::vector<QOSA_MEM_REC_S> recs = records("tmr_group");
+    ASSERT_EQ(recs.size(), 2u); // the group and its members
     EXPECT_NE(recs[0].ulLine, recs[1].ulLine);
-    std::free(recs);
     EXPECT_EQ(QOSA_FreeRelTimerGrp(g), 0u);
 }
 
@@ -73,8 +82,7 @@ TEST_F(TimerTracked, FreeRelTimerGrpWhileTheServiceStops) {
     const u32 r = QOSA_FreeRelTimerGrp(g);
     phase = 2;
     stop.join();
-    EXPECT_TRUE(quitting);
-    EXPECT_EQ(r, 0u);
+    EXPECT_EQ(std::pair(quitting, r), std::pair(true, 0u));
     ASSERT_EQ(QOSA_StartTimerTask(nullptr, nullptr), 0u); // for the fixture's stop
 }
 
@@ -83,13 +91,10 @@ TEST_F(TimerTracked, FreeRelTimerArgSafeRunsAfterEveryEarlierRequest) {
     static std::atomic<int> liveAtDone{0};
     Ctx* c = make_ctx();
     void* h = create(QOSA_TIMER_LOOP);
-    ASSERT_EQ(QOSA_StartRelTimer(h, 10, c), 0u);
-    ASSERT_EQ(QOSA_StopRelTimer_Safe(
-                  h, [](void* arg) { liveAtDone = sysMemCheckUserAddr(arg) != nullptr ? 1 : -1; }, c),
-              0u);
-    ASSERT_EQ(QOSA_FreeRelTimer(h), 0u);
-    ASSERT_EQ(QOSA_FreeRelTimerArg_safe(c), 0u);
-    ASSERT_EQ(QOSA_StopTimerTask(), 0u);
+    auto note_live = [](void* arg) { liveAtDone = sysMemCheckUserAddr(arg) != nullptr ? 1 : -1; };
+    ASSERT_EQ(Codes({QOSA_StartRelTimer(h, 10, c), QOSA_StopRelTimer_Safe(h, note_live, c), QOSA_FreeRelTimer(h),
+                     QOSA_FreeRelTimerArg_safe(c), QOSA_StopTimerTask()}),
+              Codes(5, 0));
     EXPECT_EQ(liveAtDone, 1) << "the block was still there when the earlier stop completed";
     ASSERT_EQ(QOSA_StartTimerTask(nullptr, nullptr), 0u);
 }
@@ -107,14 +112,12 @@ TEST_F(TimerTracked, FreeRelTimerNoCallbackAfterItCompletedUnderChurn) {
             Ctx* c = nullptr;
         } pool[16];
         auto release = [&](Live& t) {
-            if (pick(0, 1) == 0) { // its own stop before the free, or the marker's after it
-                ASSERT_EQ(QOSA_StopRelTimer_Safe(t.h, mark_dead, t.c), 0u);
-                ASSERT_EQ(QOSA_FreeRelTimer(t.h), 0u);
-            } else {
-                ASSERT_EQ(QOSA_FreeRelTimer(t.h), 0u);
-                ASSERT_EQ(QOSA_StopRelTimer_Safe(marker, mark_dead, t.c), 0u);
-            }
-            ASSERT_EQ(QOSA_FreeRelTimerArg_safe(t.c), 0u);
+            // Its own stop before the free, or the marker's after it; then the argument's release.
+            ASSERT_EQ(pick(0, 1) == 0 ? Codes({QOSA_StopRelTimer_Safe(t.h, mark_dead, t.c), QOSA_FreeRelTimer(t.h),
+                                               QOSA_FreeRelTimerArg_safe(t.c)})
+                                      : Codes({QOSA_FreeRelTimer(t.h), QOSA_StopRelTimer_Safe(marker, mark_dead, t.c),
+                                               QOSA_FreeRelTimerArg_safe(t.c)}),
+                      Codes(3, 0));
             t = Live{};
         };
         while (Clock::now() < end) {
