@@ -16,13 +16,7 @@ tsklet_head* const kNoQueue = nullptr;
 void proc(void*) {}
 void tick(s64) {}
 void on_group(u32, u32) {}
-constexpr std::int64_t kFail = 0xFFFFFFFF;
 std::int64_t v(u32 r) { return r; }
-// For the entry points without a result: 0 once they returned.
-std::int64_t returned(void (*f)()) {
-    f();
-    return 0;
-}
 } // namespace
 
 static GuardRows s_rows{
@@ -53,7 +47,7 @@ static GuardRows s_rows{
     {"petimer_relAbsIndex", [] { return v(petimer_relAbsIndex(nullptr)); }, 22},
     {"petimer_create_reltimer_NoProc", [] { return as_flag(petimer_create_reltimer(nullptr, 0)); }, 0, EINVAL},
     {"petimer_create_reltimer_ServiceDown", [] { return as_flag(petimer_create_reltimer(proc, 0)); }, 0},
-    {"QOSA_StopTimerTask_NotRunning", [] { return v(QOSA_StopTimerTask()); }, kFail},
+    {"QOSA_StopTimerTask_NotRunning", [] { return v(QOSA_StopTimerTask()); }, QOSA_ERROR},
     {"QOSA_CreateAbsTimerM", [] { return as_flag(QOSA_CreateAbsTimerM(nullptr, QOSA_TIMER_LOOP)); }, 0, EINVAL},
     {"QOSA_CreateRelTimerM", [] { return as_flag(QOSA_CreateRelTimerM(nullptr, QOSA_TIMER_LOOP, 1, "f.c")); }, 0,
      EINVAL},
@@ -68,11 +62,11 @@ static GuardRows s_rows{
     {"QOSA_FreeRelTimer", [] { return v(QOSA_FreeRelTimer(nullptr)); }, 22},
     {"QOSA_FreeRelTimerArg_safe_ServiceDown", [] { return v(QOSA_FreeRelTimerArg_safe(nullptr)); }, 22},
     {"QOSA_StartRelTimer_Simple", [] { return v(QOSA_StartRelTimer_Simple(10, nullptr, nullptr)); }, 12, EINVAL},
-    {"qosa_timer_debug", [] { return returned([] { qosa_timer_debug(nullptr); }); }, 0},
+    {"qosa_timer_debug", [] { return qosa_timer_debug(nullptr), std::int64_t{0}; }, 0},
     {"QOSA_InitReltimerGrp_NoOut", [] { return v(QOSA_InitReltimerGrp(nullptr, 1, on_group)); }, 0x20160032},
     {"QOSA_InitReltimerGrp_NoProc", [] { return v(QOSA_InitReltimerGrp(&s_grp, 1, nullptr)); }, 0x20160037},
     {"QOSA_StartRelTimerofGrp", [] { return v(QOSA_StartRelTimerofGrp(nullptr, 0, 10, 0, 0)); }, 0x20160039},
     {"QOSA_StopRelTimerofGrp", [] { return v(QOSA_StopRelTimerofGrp(nullptr, 0)); }, 0x20160040},
     {"QOSA_FreeRelTimerGrp", [] { return v(QOSA_FreeRelTimerGrp(nullptr)); }, 0x20160046},
-    {"QOSA_TimeoutFuncOfGrp", [] { return returned([] { QOSA_TimeoutFuncOfGrp(nullptr); }); }, 0},
+    {"QOSA_TimeoutFuncOfGrp", [] { return QOSA_TimeoutFuncOfGrp(nullptr), std::int64_t{0}; }, 0},
 };

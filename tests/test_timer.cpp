@@ -52,11 +52,11 @@ std::vector<double> times_of(u32 who) {
     return at;
 }
 size_t hits_of(u32 who) { return times_of(who).size(); }
-
-void count_up(void* arg) { static_cast<std::atomic<int>*>(arg)->fetch_add(1); }
+void count_up(void* counter) { static_cast<std::atomic<int>*>(counter)->fetch_add(1); }
+const QOSA_SysTime kEverySecond{-1, -1, -1, -1, -1, -1, 0, 0, 0, 0, nullptr};
 void* create(u32 mode) { return QOSA_CreateRelTimerM(record, mode, __LINE__, "test_timer.cpp"); }
 
-class Timer : public ::testing::Test {
+class TimerService : public ::testing::Test {
   protected:
     void SetUp() override {
         std::lock_guard<std::mutex> l(s_lock);
@@ -69,17 +69,11 @@ class Timer : public ::testing::Test {
         QOSA_TimerRegDebugTrace(nullptr);
     }
 };
-class StopTimerTask : public Timer {};
-class StartRelTimer : public Timer {};
-class CreateTimerM : public Timer {};
-class TimerDebugTrace : public Timer {};
-class StartAbsTimer : public Timer {};
-class RelTimerGrp : public Timer {};
 
 } // namespace
 
 // The start trace comes after the start lock is released: its receiver may create a timer.
-TEST_F(StopTimerTask, RunsEveryQueuedRequestFirstAndTheFirstCreateStartsAgain) {
+TEST_F(TimerService, StopTimerTaskRunsEveryQueuedRequestFirstAndTheFirstCreateStartsAgain) {
     static void* fromTrace = nullptr;
     QOSA_TimerRegDebugTrace([](const char* text) {
         collect(text);
@@ -96,72 +90,101 @@ TEST_F(StopTimerTask, RunsEveryQueuedRequestFirstAndTheFirstCreateStartsAgain) {
     }
     EXPECT_NE(fromTrace, nullptr);
     EXPECT_EQ(traces(), std::vector<std::string>{"Timer initialize success.\n"});
-    EXPECT_EQ(QOSA_StartTimerTask(nullptr, nullptr), 0u) << "already running";
-    ASSERT_EQ(QOSA_StartRelTimer_Simple(60000, count_up, &done), 0u);
     void* a = QOSA_CreateAbsTimerM(count_up, QOSA_TIMER_LOOP);
-    QOSA_SysTime never{0, 0, 0, 1, 1, 2100, 0, 0, 0, 0, nullptr};
-    ASSERT_EQ(QOSA_StartAbsTimer(a, &never, nullptr) | QOSA_StopAbsTimer_Safe(a, count_up, &done), 0u);
+    const QOSA_SysTime never{0, 0, 0, 1, 1, 2100, 0, 0, 0, 0, nullptr};
+    ASSERT_EQ(Codes({QOSA_StartTimerTask(nullptr, nullptr), QOSA_StartRelTimer_Simple(60000, count_up, &done),
+                     QOSA_StartAbsTimer(a, &never, nullptr), QOSA_StopAbsTimer_Safe(a, count_up, &done)}),
+              Codes(4, 0)); // the first: already running
 
     EXPECT_EQ(QOSA_StopTimerTask(), 0u);
     EXPECT_EQ(done, 26) << "every queued stop completed";
-    EXPECT_EQ(live(g_reltmNum), 0);
-    EXPECT_EQ(live(g_abstmNum), 0);
+    EXPECT_EQ(std::pair(live(g_reltmNum), live(g_abstmNum)), std::pair(0, 0));
     for (void* h : hs)
         EXPECT_EQ(QOSA_StartRelTimer(h, 10, nullptr), 22u);
-    EXPECT_EQ(QOSA_FreeAbsTimer(a), 22u);
-    EXPECT_EQ(QOSA_StopTimerTask(), QOSA_ERROR);
+    EXPECT_EQ(Codes({QOSA_FreeAbsTimer(a), QOSA_StopTimerTask()}), Codes({22, QOSA_ERROR}));
 
-    ASSERT_EQ(QOSA_StartRelTimer(create(QOSA_TIMER_ONCE), 10, &s_ids[0]), 0u); // and it starts again
-    EXPECT_TRUE(eventually([] { return hits_of(0) == 1; }));
-    EXPECT_EQ(traces().size(), 2u);
+    // It starts again; on the timer thread a stop is refused (it would wait for itself).
+    static std::atomic<u32> fromCallback{0};
+    auto stop_here = [](void*) { fromCallback = QOSA_StopTimerTask(); };
+    ASSERT_EQ(QOSA_StartRelTimer_Simple(10, stop_here, nullptr), 0u);
+    EXPECT_TRUE(eventually([] { return fromCallback.load() != 0; }));
+    EXPECT_EQ(std::pair(fromCallback.load(), traces().size()), std::pair(QOSA_ERROR, size_t{2}));
 }
 
-TEST_F(StartRelTimer, OneShotsFireOnceAfterTheirIntervalPeriodicOnesTheTickAfterUntilStopped) {
+// A one-shot fires once after its interval; periodic timers and group members
+// the tick after theirs (re-armed once they fired), until stopped.
+TEST_F(TimerService, StartRelTimerAndStartRelTimerofGrpFireOnTimeUntilStopped) {
     void* loop = create(QOSA_TIMER_LOOP);
-    ASSERT_EQ(QOSA_StartRelTimer(create(QOSA_TIMER_ONCE), 1000, &s_ids[0]), 0u);
-    ASSERT_EQ(QOSA_StartRelTimer(loop, 100, &s_ids[3]), 0u);
-    ASSERT_TRUE(eventually([] { return hits_of(0) == 1 && hits_of(3) >= 9; }));
+    QOSA_RelTimerGrp* g = nullptr;
+    ASSERT_EQ(QOSA_InitReltimerGrp(&g, 3, on_expiry), 0u);
+    ASSERT_EQ(Codes({QOSA_StartRelTimer(create(QOSA_TIMER_ONCE), 1000, &s_ids[3]),
+                     QOSA_StartRelTimer(loop, 100, &s_ids[4]), QOSA_StartRelTimerofGrp(g, 0, 100, 7, 0),
+                     QOSA_StartRelTimerofGrp(g, 2, 250, 9, 1), QOSA_StartRelTimerofGrp(g, 0, 20, 99, 0)}),
+              Codes(5, 0)); // the last leaves the running member as it is
+    std::this_thread::sleep_for(1100ms);
     std::atomic<int> done{0};
-    ASSERT_EQ(QOSA_StopRelTimer_Safe(loop, count_up, &done), 0u);
-    ASSERT_TRUE(eventually([&] { return done == 1; }));
-    std::vector<double> loops = times_of(3);
-    std::this_thread::sleep_for(250ms);
-    EXPECT_EQ(hits_of(3), loops.size()) << "stopped before the done callback";
-    EXPECT_EQ(hits_of(0), 1u);
-    EXPECT_GE(times_of(0).at(0), 1000.0);
-    EXPECT_LE(times_of(0).at(0), 1000.0 + 120 * kSlack);
-    double mean = (loops[8] - loops[0]) / 8; // re-armed the tick after it fired
-    EXPECT_GE(mean, 105.0);
-    EXPECT_LE(mean, 115.0 + 10 * kSlack);
+    ASSERT_EQ(Codes({QOSA_StopRelTimerofGrp(g, 0), QOSA_StopRelTimer_Safe(loop, count_up, &done)}), Codes(2, 0));
+    ASSERT_TRUE(eventually([&] { return done == 1 && hits_of(3) == 1; }));
+    const std::vector<double> once = times_of(3), loops = times_of(4), at0 = times_of(0);
+    EXPECT_GE(once.at(0), 1000.0);
+    EXPECT_LE(once.at(0), 1000.0 + 120 * kSlack);
+    const size_t slack = kSlack == 1 ? 1 : 3;
+    auto periodic = [](const char* who, const std::vector<double>& at, size_t least, size_t most, double lo,
+                       double hi) {
+        SCOPED_TRACE(who);
+        ASSERT_GE(at.size(), least);
+        EXPECT_LE(at.size(), most);
+        const double mean = (at.back() - at.front()) / double(at.size() - 1);
+        EXPECT_GE(mean, lo);
+        EXPECT_LE(mean, hi);
+    };
+    periodic("100 ms", loops, 10 - 2 * slack, 10, 105.0, 115.0 + 10 * kSlack);
+    periodic("member of 100 ms", at0, 10 - 2 * slack, 10, 105.0, 115.0 + 10 * kSlack);
+    periodic("member of 250 ms", times_of(2), 4 - slack, 4, 260.0 - 10 * slack, 260.0 + 10 * slack);
+
+    // Stopped, member 0 fires no more; started again, it goes with the group.
+    ASSERT_EQ(Codes({QOSA_StartRelTimerofGrp(g, 0, 30, 8, 0), QOSA_FreeRelTimerGrp(g)}), Codes(2, 0));
+    std::this_thread::sleep_for(100ms);
+    const size_t after = hits().size();
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(hits().size(), after) << "no callback once the group's release ran";
+    EXPECT_EQ(std::pair(times_of(0), times_of(4)), std::pair(at0, loops)) << "stopped before the done callback";
+    const u32 values[] = {7, ~0u, 9, 0, 0}; // member 1 never fires
+    for (const Hit& h : hits())
+        EXPECT_EQ(h.value, values[h.who]) << h.who;
+    EXPECT_EQ(live(g_reltmNum), 2) << "the members' timers are gone";
 }
 
-TEST_F(CreateTimerM, KeepsTheCountLimitsOfBothKinds) {
+TEST_F(TimerService, CreateTimerMKeepsTheCountLimitsOfBothKinds) {
+    // How many of n creates give a timer.
+    auto made = [](int n, void* (*make)()) {
+        int k = 0;
+        for (; n > 0; --n)
+            k += make() != nullptr;
+        return k;
+    };
+    void* (*rel)() = [] { return create(QOSA_TIMER_LOOP); };
+    void* (*abs)() = [] { return QOSA_CreateAbsTimerM(count_up, QOSA_TIMER_LOOP); };
     QOSA_TMRSetMaxReltmNum(5);
-    void* first = create(QOSA_TIMER_LOOP);
-    for (int i = 1; i < 5; ++i)
-        ASSERT_NE(create(QOSA_TIMER_LOOP), nullptr);
-    EXPECT_EQ(create(QOSA_TIMER_LOOP), nullptr);
+    void* first = rel();
+    EXPECT_EQ(made(5, rel), 4);
     EXPECT_EQ(QOSA_FreeRelTimer(first), 0u);
-    EXPECT_NE(create(QOSA_TIMER_LOOP), nullptr) << "a free makes room at once";
+    EXPECT_EQ(made(2, rel), 1) << "a free makes room at once";
     QOSA_TMRSetMaxReltmNum(100);
     EXPECT_EQ(ulMaxReltmNum, 5u) << "ignored while the service runs";
     EXPECT_EQ(QOSA_StopTimerTask(), 0u);
-
-    QOSA_TMRSetMaxReltmNum(5000); // whatever the maximum, at most 2000 live
-    for (int i = 0; i < 2000; ++i)
-        ASSERT_NE(create(QOSA_TIMER_LOOP), nullptr) << i;
-    EXPECT_EQ(create(QOSA_TIMER_LOOP), nullptr);
+    QOSA_TMRSetMaxReltmNum(5000);
+    EXPECT_EQ(made(2001, rel), 2000) << "whatever the maximum, at most 2000 live";
     EXPECT_EQ(QOSA_StopTimerTask(), 0u);
     QOSA_TMRSetMaxReltmNum(2000);
 
     QOSA_TMRSetMaxAbstmNum(2);
-    void* a = QOSA_CreateAbsTimerM(count_up, QOSA_TIMER_LOOP);
+    void* a = abs();
     EXPECT_TRUE(petimer_create_abstimer(nullptr, QOSA_TIMER_LOOP) == nullptr && errno == EINVAL);
-    EXPECT_NE(QOSA_CreateAbsTimerM(count_up, QOSA_TIMER_LOOP), nullptr);
-    EXPECT_EQ(QOSA_CreateAbsTimerM(count_up, QOSA_TIMER_LOOP), nullptr);
+    EXPECT_EQ(made(2, abs), 1);
     EXPECT_EQ(QOSA_FreeAbsTimer(a), 0u);
     EXPECT_TRUE(eventually([] { return live(g_abstmNum) == 1; })) << "counted until its release at the next pass";
-    EXPECT_NE(QOSA_CreateAbsTimerM(count_up, QOSA_TIMER_LOOP), nullptr);
+    EXPECT_EQ(made(1, abs), 1);
     EXPECT_EQ(QOSA_StopTimerTask(), 0u);
     QOSA_TMRSetMaxAbstmNum(2000);
 
@@ -169,36 +192,27 @@ TEST_F(CreateTimerM, KeepsTheCountLimitsOfBothKinds) {
     for (void (*set_max)(u32) : {QOSA_TMRSetMaxReltmNum, QOSA_TMRSetMaxAbstmNum}) {
         set_max(0x20000000u);
         EXPECT_EQ(QOSA_StartTimerTask(nullptr, nullptr), 12u);
-        EXPECT_EQ(create(QOSA_TIMER_LOOP), nullptr);
+        EXPECT_EQ(made(1, rel), 0);
         set_max(2000);
-        EXPECT_NE(create(QOSA_TIMER_LOOP), nullptr);
+        EXPECT_EQ(made(1, rel), 1);
         EXPECT_EQ(QOSA_StopTimerTask(), 0u);
     }
 }
 
-TEST_F(StopTimerTask, IsRefusedOnTheTimerThread) { // it would wait for itself
-    static std::atomic<u32> fromCallback{0};
-    ASSERT_EQ(QOSA_StartRelTimer_Simple(
-                  10, [](void*) { fromCallback = QOSA_StopTimerTask(); }, nullptr),
-              0u);
-    EXPECT_TRUE(eventually([] { return fromCallback.load() != 0; }));
-    EXPECT_EQ(fromCallback.load(), QOSA_ERROR);
-}
-
-TEST_F(TimerDebugTrace, LongCallbackWarningAndSystemControlHook) {
+TEST_F(TimerService, TimerRegDebugTraceLongCallbackWarningAndSysCtrlRegTaskTidHook) {
     QOSA_TimerRegDebugTrace(collect);
-    std::string fits(511, 'x');
+    const std::string fits(511, 'x');
     qosa_timer_debug("%s", fits.c_str());
     qosa_timer_debug("%s!", fits.c_str()); // 512 characters: not sent
     auto slow = [](void*) { std::this_thread::sleep_for(150ms); };
-    ASSERT_EQ(QOSA_StartRelTimer(QOSA_CreateRelTimerM(slow, QOSA_TIMER_ONCE, 4242, "long.c"), 10, nullptr), 0u);
-    ASSERT_EQ(QOSA_StartRelTimer(QOSA_CreateRelTimerM(slow, QOSA_TIMER_ONCE, 77, nullptr), 10, nullptr), 0u);
+    ASSERT_EQ(Codes({QOSA_StartRelTimer(QOSA_CreateRelTimerM(slow, QOSA_TIMER_ONCE, 4242, "long.c"), 10, nullptr),
+                     QOSA_StartRelTimer(QOSA_CreateRelTimerM(slow, QOSA_TIMER_ONCE, 77, nullptr), 10, nullptr)}),
+              Codes(2, 0));
     ASSERT_TRUE(eventually([] { return traces().size() == 4; }));
     QOSA_TimerRegDebugTrace(nullptr);
     qosa_timer_debug("off");
-    std::vector<std::string> t = traces();
-    ASSERT_EQ(t.size(), 4u);
-    EXPECT_EQ(t[0], fits);
+    const std::vector<std::string> t = traces();
+    ASSERT_EQ(std::pair(t.size(), t[0]), std::pair(size_t{4}, fits));
     const std::string head = "warning: timer_timeout_proc execution time is too long! timer[";
     int took = 0;
     ASSERT_EQ(std::sscanf(t[2].c_str(), (head + "long.c:4242] takes time %d\n").c_str(), &took), 1) << t[2];
@@ -207,8 +221,7 @@ TEST_F(TimerDebugTrace, LongCallbackWarningAndSystemControlHook) {
     EXPECT_EQ(t[3].rfind(head + "unknown:0] takes time ", 0), 0u) << "no file: no position";
 
     testing::internal::CaptureStdout();
-    EXPECT_EQ(QOSA_SysCtrlRegTaskTid("net"), 27);
-    EXPECT_EQ(QOSA_SysCtrlRegTaskTid(nullptr), 30);
+    EXPECT_EQ((std::pair{QOSA_SysCtrlRegTaskTid("net"), QOSA_SysCtrlRegTaskTid(nullptr)}), std::pair(27, 30));
     std::fflush(stdout);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "QOSA_SysCtrlRegTaskTid net\nQOSA_SysCtrlRegTaskTid (null)\n");
     auto hook = [](const char* name, va_list args) {
@@ -221,9 +234,8 @@ TEST_F(TimerDebugTrace, LongCallbackWarningAndSystemControlHook) {
 }
 
 // Timers 0 and 1 match one second in two; 2, 3 and 4 every second, in each mode.
-TEST_F(StartAbsTimer, FullAndEverySecondPatternsInEachMode) {
+TEST_F(TimerService, StartAbsTimerFullAndEverySecondPatternsInEachMode) {
     const QOSA_SysTime june31{0, 0, 0, 31, 6, 2030, 0, 0, 0, 0, nullptr};
-    const QOSA_SysTime everySecond{-1, -1, -1, -1, -1, -1, 0, 0, 0, 0, nullptr};
     const time_t due = time(nullptr) + 2;
     struct tm t {};
     localtime_r(&due, &t);
@@ -233,93 +245,48 @@ TEST_F(StartAbsTimer, FullAndEverySecondPatternsInEachMode) {
         h.push_back(QOSA_CreateAbsTimerM(record, mode));
     EXPECT_EQ(QOSA_StartAbsTimer(h[0], &june31, nullptr), 22u);
     for (size_t i = 0; i < h.size(); ++i)
-        ASSERT_EQ(QOSA_StartAbsTimer(h[i], i < 2 ? &when : &everySecond, &s_ids[i]), 0u);
+        ASSERT_EQ(QOSA_StartAbsTimer(h[i], i < 2 ? &when : &kEverySecond, &s_ids[i]), 0u);
     ASSERT_TRUE(eventually([] { return hits_of(0) == 1 && hits_of(2) >= 3; }, 5000ms));
-    EXPECT_EQ(hits_of(3), 1u) << "a one-shot becomes inactive";
-    EXPECT_EQ(hits_of(4), 1u);
+    EXPECT_EQ(std::pair(hits_of(3), hits_of(4)), std::pair(size_t{1}, size_t{1})) << "one-shots go inactive";
     EXPECT_EQ(live(g_abstmNum), 4) << "the releasing one-shot is gone";
     EXPECT_EQ(QOSA_FreeAbsTimer(h[4]), 22u);
 
     // Started again, the one-shot fires once more; a stopped loop no more.
     std::atomic<int> done{0};
     void* out = nullptr;
-    ASSERT_EQ(QOSA_StartAbsTimer(h[3], &everySecond, &s_ids[3]), 0u);
-    ASSERT_EQ(QOSA_StopAbsTimer_SafeEx(h[2], count_up, &done, &out), 0u);
+    ASSERT_EQ(Codes({QOSA_StartAbsTimer(h[3], &kEverySecond, &s_ids[3]),
+                     QOSA_StopAbsTimer_SafeEx(h[2], count_up, &done, &out)}),
+              Codes(2, 0));
     EXPECT_EQ(out, &s_ids[2]) << "the argument of the last start";
     ASSERT_TRUE(eventually([&] { return done == 1 && hits_of(3) == 2; }, 3000ms));
-    size_t loops = hits_of(2);
+    const size_t loops = hits_of(2);
     std::this_thread::sleep_for(1200ms);
-    EXPECT_EQ(hits_of(2), loops);
-    EXPECT_EQ(hits_of(3), 2u);
+    EXPECT_EQ(std::pair(hits_of(2), hits_of(3)), std::pair(loops, size_t{2}));
     ASSERT_EQ(hits_of(0) + hits_of(1), 2u) << "each fires once";
-    std::vector<Hit> all = hits();
+    const std::vector<Hit> all = hits();
     auto first = std::find_if(all.begin(), all.end(), [](const Hit& x) { return x.who < 2; });
     EXPECT_EQ(first->who, 1u) << "newest started fires first";
     EXPECT_GE(first->sec, due);
     EXPECT_LE(first->sec, due + 2 * kSlack); // a loaded machine delays the pass
-    EXPECT_EQ(QOSA_StopAbsTimer_SafeEx(h[2], nullptr, nullptr, nullptr), 22u);
-    EXPECT_EQ(QOSA_FreeAbsTimer(h[2]), 0u);
-    EXPECT_EQ(QOSA_FreeAbsTimer(h[2]), 22u);
+    EXPECT_EQ(Codes({QOSA_StopAbsTimer_SafeEx(h[2], nullptr, nullptr, nullptr), QOSA_FreeAbsTimer(h[2]),
+                     QOSA_FreeAbsTimer(h[2])}),
+              Codes({22, 0, 22}));
 }
 
-TEST_F(RelTimerGrp, ResultCodesInCheckOrder) {
+// Each code in the order the checks run (out, proc, count; group, index, mode).
+TEST_F(TimerService, InitReltimerGrpAndMemberCallsResultCodesInCheckOrder) {
     QOSA_RelTimerGrp* g = nullptr;
-    EXPECT_EQ(QOSA_InitReltimerGrp(nullptr, 2001, nullptr), 0x20160032u);
-    EXPECT_EQ(QOSA_InitReltimerGrp(&g, 2001, nullptr), 0x20160037u);
-    EXPECT_EQ(QOSA_InitReltimerGrp(&g, 2001, on_expiry), 0x20160034u);
-    EXPECT_EQ(QOSA_InitReltimerGrp(&g, 0, on_expiry), 0x20160036u) << "no block of 0 bytes";
+    // Count 0: no block of 0 bytes.
+    EXPECT_EQ(Codes({QOSA_InitReltimerGrp(nullptr, 2001, nullptr), QOSA_InitReltimerGrp(&g, 2001, nullptr),
+                     QOSA_InitReltimerGrp(&g, 2001, on_expiry), QOSA_InitReltimerGrp(&g, 0, on_expiry)}),
+              Codes({0x20160032, 0x20160037, 0x20160034, 0x20160036}));
     EXPECT_EQ(g, nullptr);
     ASSERT_EQ(QOSA_InitReltimerGrp(&g, 3, on_expiry), 0u);
     QOSA_RelTimerGrp invalid = *g;
     invalid.valid = 0;
-    EXPECT_EQ(QOSA_StartRelTimerofGrp(&invalid, 3, 100, 0, 2), 0x20160039u);
-    EXPECT_EQ(QOSA_StartRelTimerofGrp(g, 3, 100, 0, 2), 0x2016003Bu);
-    EXPECT_EQ(QOSA_StartRelTimerofGrp(g, 2, 100, 0, 2), 0x2016003Cu);
-    EXPECT_EQ(QOSA_StopRelTimerofGrp(&invalid, 3), 0x20160041u);
-    EXPECT_EQ(QOSA_StopRelTimerofGrp(g, 3), 0x20160042u);
-    EXPECT_EQ(QOSA_StopRelTimerofGrp(g, 2), 0x20160044u);
-    EXPECT_EQ(QOSA_FreeRelTimerGrp(&invalid), 0x20160047u);
-    EXPECT_EQ(QOSA_FreeRelTimerGrp(g), 0u); // the service never ran: released at once
-
-    // A member whose timer cannot be made.
-    QOSA_TMRSetMaxReltmNum(1);
-    ASSERT_EQ(QOSA_InitReltimerGrp(&g, 1, on_expiry), 0u);
-    void* other = create(QOSA_TIMER_LOOP);
-    EXPECT_EQ(QOSA_StartRelTimerofGrp(g, 0, 100, 1, 0), 0x2016003Du);
-    ASSERT_EQ(QOSA_FreeRelTimer(other), 0u);
-    EXPECT_EQ(QOSA_StartRelTimerofGrp(g, 0, 100, 1, 0), 0u);
-    EXPECT_EQ(QOSA_FreeRelTimerGrp(g), 0u);
-    EXPECT_EQ(QOSA_StopTimerTask(), 0u);
-    QOSA_TMRSetMaxReltmNum(2000);
-}
-
-TEST_F(RelTimerGrp, MembersFireWithTheirNumberAndValueUntilStopped) {
-    QOSA_RelTimerGrp* g = nullptr;
-    ASSERT_EQ(QOSA_InitReltimerGrp(&g, 3, on_expiry), 0u);
-    ASSERT_EQ(QOSA_StartRelTimerofGrp(g, 0, 100, 7, 0), 0u);
-    ASSERT_EQ(QOSA_StartRelTimerofGrp(g, 2, 250, 9, 1), 0u);
-    ASSERT_EQ(QOSA_StartRelTimerofGrp(g, 0, 20, 99, 0), 0u) << "a running member is not restarted";
-    std::this_thread::sleep_for(1100ms);
-    ASSERT_EQ(QOSA_StopRelTimerofGrp(g, 0), 0u);
-    std::this_thread::sleep_for(50ms);
-    std::vector<double> at0 = times_of(0), at2 = times_of(2);
-    // 100 ms fires every 110 ms, 250 ms every 260 ms (re-armed the tick after).
-    const int slack = kSlack == 1 ? 1 : 3;
-    EXPECT_GE(at0.size(), 10u - 2 * slack);
-    EXPECT_LE(at0.size(), 10u);
-    ASSERT_GE(at2.size(), 4u - slack);
-    EXPECT_LE(at2.size(), 4u);
-    EXPECT_NEAR((at2.back() - at2.front()) / double(at2.size() - 1), 260.0, 10.0 * slack);
-
-    // Stopped, member 0 fires no more; started again, it goes with the group.
-    ASSERT_EQ(QOSA_StartRelTimerofGrp(g, 0, 30, 8, 0), 0u);
-    ASSERT_EQ(QOSA_FreeRelTimerGrp(g), 0u);
-    std::this_thread::sleep_for(100ms);
-    size_t after = hits().size();
-    std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(hits().size(), after) << "no callback once the group's release ran";
-    EXPECT_EQ(times_of(0).size(), at0.size());
-    for (const Hit& h : hits())
-        EXPECT_EQ(h.value, h.who == 0 ? 7u : 9u) << h.who;
-    EXPECT_EQ(live(g_reltmNum), 0);
+    EXPECT_EQ(Codes({QOSA_StartRelTimerofGrp(&invalid, 3, 100, 0, 2), QOSA_StartRelTimerofGrp(g, 3, 100, 0, 2),
+                     QOSA_StartRelTimerofGrp(g, 2, 100, 0, 2), QOSA_StopRelTimerofGrp(&invalid, 3),
+                     QOSA_StopRelTimerofGrp(g, 3), QOSA_StopRelTimerofGrp(g, 2), QOSA_FreeRelTimerGrp(&invalid),
+                     QOSA_FreeRelTimerGrp(g)}), // the service never ran: released at once
+              Codes({0x20160039, 0x2016003B, 0x2016003C, 0x20160041, 0x20160042, 0x20160044, 0x20160047, 0}));
 }

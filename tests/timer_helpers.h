@@ -1,11 +1,11 @@
 // What the timer tests share: waiting for the timer thread, reading the live
-// counts it changes, and counting the tracked blocks of the timer units.
+// counts it changes, checking the results of several calls at once.
 #pragma once
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <thread>
+#include <vector>
 
 #include "qosa.h"
 #include "support.h"
@@ -17,6 +17,9 @@ using namespace std::chrono_literals;
 // Sanitized builds run the timer thread several times slower.
 inline constexpr int kSlack = kUnderTsan || kUnderAsan ? 4 : 1;
 
+// Results of calls made in order (a braced list runs them left to right), checked at once.
+using Codes = std::vector<u32>;
+
 // Polls done() until it holds or the limit (times kSlack) passes.
 template <class Pred>
 bool eventually(Pred done, std::chrono::milliseconds limit = 3s) {
@@ -27,17 +30,5 @@ bool eventually(Pred done, std::chrono::milliseconds limit = 3s) {
 
 // The live counts change on the timer thread: read them atomically.
 inline s32 live(s32& count) { return std::atomic_ref<s32>(count).load(); }
-
-// Live tracked blocks whose source file name contains each filter, summed.
-template <class... Filters>
-u32 blocks(Filters... filters) {
-    u32 n = 0;
-    for (const char* filter : {filters...}) {
-        QOSA_MEM_REC_S* recs = nullptr;
-        n += sysMemSortMemInfo(&recs, const_cast<char*>(filter), 2);
-        std::free(recs);
-    }
-    return n;
-}
 
 } // namespace qosa_test
