@@ -88,8 +88,11 @@ int QOSA_MemCmp(const void* a, const void* b, u32 len) { return std::memcmp(a, b
 char* QOSA_StrDupEx(const char* source, u32 line, const char* file) {
     u32 length = qosa::str_len(source);
     u32 size = length + 1;
-    auto* copy = static_cast<char*>(alloc_filled(size, 0, QOSA_MEM_DYN, line, file));
-    if (copy != nullptr && length != 0) memcpy_s(copy, size, source, length);
+    // The text and its terminator fill the block: nothing to clear first.
+    auto* copy = static_cast<char*>(qosa::mem::alloc(size, QOSA_MEM_DYN, line, file));
+    if (copy == nullptr) return nullptr;
+    if (length != 0) memcpy_s(copy, size, source, length);
+    copy[length] = '\0';
     return copy;
 }
 
