@@ -131,6 +131,37 @@ TEST(QOSA_SemPost, WaitersInArrivalOrderAndSignals) {
     EXPECT_EQ(QOSA_SemDestroy(&s), 0);
 }
 
+// Units are neither lost nor made twice when posts and waits of every kind
+// race, with and without waiters queued: the waiters take as many units as
+// the posters make, and the first three are left.
+TEST(QOSA_SemPost, RacingPostsAndWaitsKeepEveryUnit) {
+    QOSA_SEM_S s{};
+    ASSERT_EQ(QOSA_SemInit(&s, 0, 3), 0);
+    constexpr int kEach = 20000;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kEach; ++i) {
+                if (t % 2 == 0) {
+                    EXPECT_EQ(QOSA_SemPost(&s), 0);
+                    if (i % 16 == 0) std::this_thread::yield(); // lets the waiters find it empty now and then
+                    continue;
+                }
+                while ((i % 3 == 0   ? QOSA_SemTryWait(&s)
+                        : i % 3 == 1 ? QOSA_SemWaitTimeOut(&s, 1)
+                                     : QOSA_SemWait(&s)) != 0) {
+                }
+            }
+        });
+    for (auto& t : threads)
+        t.join();
+    int left = 0;
+    while (QOSA_SemTryWait(&s) == 0)
+        ++left;
+    EXPECT_EQ(left, 3);
+    EXPECT_EQ(QOSA_SemDestroy(&s), 0);
+}
+
 // A waiter that got its unit no longer touches the semaphore, whether it was
 // still spinning, asleep, or in a signal handler that interrupted its wait:
 // the poster may destroy and free it at once.

@@ -28,6 +28,8 @@ static_assert(offsetof(QOSA_SEM_S, sem) == 8, "the semaphore follows the tag");
 static_assert(sizeof(FifoSem) <= sizeof(QOSA_SEM_U), "the semaphore fits the record's storage");
 static_assert(alignof(FifoSem) <= alignof(QOSA_SEM_U), "the record's storage is aligned for the semaphore");
 static_assert(qosa::sync::kFifoMaxCount == SEM_VALUE_MAX);
+static_assert(offsetof(FifoSem, units) == 8 && offsetof(FifoSem, spin) == 12 && qosa::sync::kSpinMaxNs < 0xFFFF,
+              "an unnamed record's second word never reads as the named mark");
 
 namespace {
 
@@ -40,9 +42,9 @@ constexpr std::int64_t kLongestWaitSec = INT32_MAX;
 FifoSem* inner(QOSA_SEM_S* rec) { return std::launder(reinterpret_cast<FifoSem*>(rec->sem.aullStore)); }
 bool is_named(const QOSA_SEM_S* rec) { return rec->tag == QOSA_SEM_TAG_NAMED; }
 // A record from QOSA_SemOpen also carries this mark in the second word of its
-// storage. In an unnamed record that word holds the count (at most
-// 0x7FFFFFFF) in its low half, so it never reads as the mark; this is how a
-// destroyed named record is told from a destroyed unnamed one.
+// storage. In an unnamed record that word holds the units word and above it
+// the learnt spin time (at most 30,000), so it never reads as the mark; this
+// is how a destroyed named record is told from a destroyed unnamed one.
 constexpr u64 kNamedMark = ~u64{0};
 bool was_named(const QOSA_SEM_S* rec) {
     return rec->tag == QOSA_SEM_TAG_DESTROYED && rec->sem.aullStore[1] == kNamedMark;

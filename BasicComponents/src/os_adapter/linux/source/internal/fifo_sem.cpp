@@ -18,7 +18,6 @@ namespace qosa::sync {
 
 namespace {
 
-constexpr std::uint32_t kFifoLive = 0x46494630u;
 // A waiter's state. Only the waiter moves it from kWaiting to kYielding, on
 // to kSleeping and from there to kLeaving; only a claim moves it to kClaimed,
 // and only the grant that follows to kGranted.
@@ -230,46 +229,60 @@ bool fifo_init(FifoSem* s, std::uint32_t value) {
 
 SemStatus fifo_destroy(FifoSem* s) {
     FutexGuard hold(s->lock);
-    if (s->magic != kFifoLive) return SemStatus::invalid;
+    if (s->magic.load(std::memory_order_relaxed) != kFifoLive) return SemStatus::invalid;
     if (!s->waiters.empty()) return SemStatus::busy;
-    s->magic = 0;
+    s->magic.store(0, std::memory_order_relaxed);
+    s->units.store(kFifoQueued, std::memory_order_relaxed); // no unit to take, and posts take the lock
     return SemStatus::ok;
 }
 
-SemStatus fifo_post(FifoSem* s) {
+// A post that found waiters queued (or no room, or no live semaphore).
+SemStatus post_locked(FifoSem* s) {
     FutexGuard hold(s->lock);
-    if (s->magic != kFifoLive) return SemStatus::invalid;
+    if (!fifo_live(s)) return SemStatus::invalid;
     // The unit goes to the longest waiter that is not leaving.
     Claim c = claim(s->waiters, s->spin);
     if (c.waiter != nullptr) {
+        if (s->waiters.empty()) s->units.fetch_and(kFifoMaxCount, std::memory_order_relaxed);
         hold.unlock();
         grant(c);
         return SemStatus::ok;
     }
-    if (s->count >= kFifoMaxCount) return SemStatus::overflow;
-    ++s->count;
+    // Counted. Only leaving waiters are queued, if any: units may be taken
+    // and posted without the lock again (meanwhile too).
+    std::uint32_t u = s->units.load(std::memory_order_relaxed);
+    do {
+        if ((u & kFifoMaxCount) >= kFifoMaxCount) return SemStatus::overflow;
+    } while (!s->units.compare_exchange_weak(u, (u & kFifoMaxCount) + 1, std::memory_order_release,
+                                             std::memory_order_relaxed));
     return SemStatus::ok;
 }
 
-SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs, bool interruptible) {
+// A wait that found no unit free (or no live semaphore).
+SemStatus wait_locked(FifoSem* s, std::int64_t timeoutNs, bool interruptible) {
     FifoWaiter self;
     {
         FutexGuard hold(s->lock);
-        if (s->magic != kFifoLive) return SemStatus::invalid;
-        if (s->count > 0) {
-            --s->count;
-            return SemStatus::ok;
+        if (!fifo_live(s)) return SemStatus::invalid;
+        // Marked queued before the last look at the units: a post that comes
+        // after the mark takes the lock and finds this waiter in the list.
+        std::uint32_t u = s->units.load(std::memory_order_relaxed);
+        for (;;) {
+            if ((u & kFifoMaxCount) != 0) {
+                if (s->units.compare_exchange_weak(u, u - 1, std::memory_order_acquire, std::memory_order_relaxed))
+                    return SemStatus::ok;
+            } else if (timeoutNs == 0) {
+                return SemStatus::would_block;
+            } else if (s->units.compare_exchange_weak(u, u | kFifoQueued, std::memory_order_relaxed)) {
+                break;
+            }
         }
-        if (timeoutNs == 0) return SemStatus::would_block;
         enqueue(s->waiters, s->spin, self, timeoutNs);
     }
     return await(s->lock, s->waiters, s->spin, self, timeoutNs, interruptible);
 }
 
-std::uint32_t fifo_count(FifoSem* s) {
-    FutexGuard hold(s->lock);
-    return s->count;
-}
+std::uint32_t fifo_count(FifoSem* s) { return s->units.load(std::memory_order_relaxed) & kFifoMaxCount; }
 
 std::uint32_t fifo_waiters(FifoSem* s) {
     FutexGuard hold(s->lock);

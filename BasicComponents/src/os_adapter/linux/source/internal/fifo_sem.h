@@ -112,22 +112,54 @@ SemStatus await(FutexLock& lock, WaitList& list, Spin& spin, FifoWaiter& w, std:
                 bool interruptible = false);
 
 // The semaphore. Set up by fifo_init in place; must not move while in use.
+// While no waiter is queued a post and a wait that finds a unit change the
+// units word alone, without the lock; everything else takes the lock.
 struct FifoSem {
     FutexLock lock;
-    std::uint32_t magic; // kFifoLive while initialised
-    std::uint32_t count; // free units; non-zero only while none but leaving waiters are queued
+    std::atomic<std::uint32_t> magic; // kFifoLive while initialised (changed under the lock)
+    // The free units (kFifoMaxCount bits), non-zero only while none but
+    // leaving waiters are queued, and kFifoQueued: waiters may be queued, or
+    // the semaphore is destroyed, so posts take the lock. Set under the lock
+    // by a waiter that found no unit, before it queues; cleared under the lock
+    // by a post that serves the last waiter or finds none but leaving ones.
+    std::atomic<std::uint32_t> units;
     Spin spin;
     WaitList waiters; // the longest waiter first
 };
 
 inline constexpr std::uint32_t kFifoMaxCount = 0x7FFFFFFFu; // SEM_VALUE_MAX
+inline constexpr std::uint32_t kFifoQueued = 0x80000000u;
+inline constexpr std::uint32_t kFifoLive = 0x46494630u; // magic while initialised
 
 // False (nothing done) when value is above kFifoMaxCount.
 bool fifo_init(FifoSem* s, std::uint32_t value);
 SemStatus fifo_destroy(FifoSem* s);
-SemStatus fifo_post(FifoSem* s);
+SemStatus post_locked(FifoSem* s);
+SemStatus wait_locked(FifoSem* s, std::int64_t timeoutNs, bool interruptible);
+
+inline bool fifo_live(const FifoSem* s) { return s->magic.load(std::memory_order_relaxed) == kFifoLive; }
+
+// Takes a free unit without the lock, if there is one. A unit is free only
+// while no waiter is queued ahead, so this overtakes nobody.
+inline bool fifo_take_unit(FifoSem* s) {
+    std::uint32_t u = s->units.load(std::memory_order_relaxed);
+    while ((u & kFifoMaxCount) != 0)
+        if (s->units.compare_exchange_weak(u, u - 1, std::memory_order_acquire, std::memory_order_relaxed)) return true;
+    return false;
+}
+
+inline SemStatus fifo_post(FifoSem* s) {
+    std::uint32_t u = s->units.load(std::memory_order_relaxed);
+    while (fifo_live(s) && u < kFifoMaxCount) // no kFifoQueued, and room for the unit
+        if (s->units.compare_exchange_weak(u, u + 1, std::memory_order_release, std::memory_order_relaxed))
+            return SemStatus::ok;
+    return post_locked(s);
+}
+
 // timeoutNs < 0: no limit; 0: only tries (would_block); else at most that long.
-SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs, bool interruptible = false);
+inline SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs, bool interruptible = false) {
+    return fifo_live(s) && fifo_take_unit(s) ? SemStatus::ok : wait_locked(s, timeoutNs, interruptible);
+}
 
 // Snapshots for checks: the free units and the waiters queued.
 std::uint32_t fifo_count(FifoSem* s);
