@@ -110,12 +110,13 @@ s32 service_stop(pthread_t tid) {
 }
 
 bool set_quitting(u32 value, bool withLocks) {
-    if (withLocks) {
-        MutexGuard rel(reltm_index_lock());
-        MutexGuard abs(abstm_index_lock());
-        if (!rel.locked() || !abs.locked()) return false; // GCOVR_EXCL_BR_LINE: see MutexGuard
-        return set_quitting(value, false);
+    if (!withLocks) {
+        store_quitting(value);
+        return true;
     }
+    MutexGuard rel(reltm_index_lock());
+    MutexGuard abs(abstm_index_lock());
+    if (!rel.locked() || !abs.locked()) return false; // GCOVR_EXCL_BR_LINE: see MutexGuard
     store_quitting(value);
     return true;
 }

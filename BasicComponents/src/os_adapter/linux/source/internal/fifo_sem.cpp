@@ -236,8 +236,7 @@ SemStatus fifo_destroy(FifoSem* s) {
     return SemStatus::ok;
 }
 
-// A post that found waiters queued (or no room, or no live semaphore).
-SemStatus post_locked(FifoSem* s) {
+SemStatus post_slow(FifoSem* s) {
     FutexGuard hold(s->lock);
     if (!fifo_live(s)) return SemStatus::invalid;
     // The unit goes to the longest waiter that is not leaving.
@@ -258,24 +257,20 @@ SemStatus post_locked(FifoSem* s) {
     return SemStatus::ok;
 }
 
-// A wait that found no unit free (or no live semaphore).
-SemStatus wait_locked(FifoSem* s, std::int64_t timeoutNs, bool interruptible) {
+SemStatus wait_slow(FifoSem* s, std::int64_t timeoutNs, bool interruptible) {
     FifoWaiter self;
     {
         FutexGuard hold(s->lock);
         if (!fifo_live(s)) return SemStatus::invalid;
         // Marked queued before the last look at the units: a post that comes
         // after the mark takes the lock and finds this waiter in the list.
-        std::uint32_t u = s->units.load(std::memory_order_relaxed);
         for (;;) {
-            if ((u & kFifoMaxCount) != 0) {
-                if (s->units.compare_exchange_weak(u, u - 1, std::memory_order_acquire, std::memory_order_relaxed))
-                    return SemStatus::ok;
-            } else if (timeoutNs == 0) {
-                return SemStatus::would_block;
-            } else if (s->units.compare_exchange_weak(u, u | kFifoQueued, std::memory_order_relaxed)) {
+            if (fifo_take_unit(s)) return SemStatus::ok;
+            if (timeoutNs == 0) return SemStatus::would_block;
+            std::uint32_t u = s->units.load(std::memory_order_relaxed);
+            if ((u & kFifoMaxCount) == 0 &&
+                s->units.compare_exchange_strong(u, u | kFifoQueued, std::memory_order_relaxed))
                 break;
-            }
         }
         enqueue(s->waiters, s->spin, self, timeoutNs);
     }

@@ -134,8 +134,10 @@ inline constexpr std::uint32_t kFifoLive = 0x46494630u; // magic while initialis
 // False (nothing done) when value is above kFifoMaxCount.
 bool fifo_init(FifoSem* s, std::uint32_t value);
 SemStatus fifo_destroy(FifoSem* s);
-SemStatus post_locked(FifoSem* s);
-SemStatus wait_locked(FifoSem* s, std::int64_t timeoutNs, bool interruptible);
+// The paths through the lock: a post that found waiters queued (or no room),
+// a wait that found no unit free.
+SemStatus post_slow(FifoSem* s);
+SemStatus wait_slow(FifoSem* s, std::int64_t timeoutNs, bool interruptible);
 
 inline bool fifo_live(const FifoSem* s) { return s->magic.load(std::memory_order_relaxed) == kFifoLive; }
 
@@ -153,12 +155,12 @@ inline SemStatus fifo_post(FifoSem* s) {
     while (fifo_live(s) && u < kFifoMaxCount) // no kFifoQueued, and room for the unit
         if (s->units.compare_exchange_weak(u, u + 1, std::memory_order_release, std::memory_order_relaxed))
             return SemStatus::ok;
-    return post_locked(s);
+    return post_slow(s);
 }
 
 // timeoutNs < 0: no limit; 0: only tries (would_block); else at most that long.
 inline SemStatus fifo_wait(FifoSem* s, std::int64_t timeoutNs, bool interruptible = false) {
-    return fifo_live(s) && fifo_take_unit(s) ? SemStatus::ok : wait_locked(s, timeoutNs, interruptible);
+    return fifo_live(s) && fifo_take_unit(s) ? SemStatus::ok : wait_slow(s, timeoutNs, interruptible);
 }
 
 // Snapshots for checks: the free units and the waiters queued.

@@ -78,18 +78,6 @@ class List {
     // Forgets every record without touching them: for a list whose records
     // went away with it.
     void clear() { make_ring(&head_); }
-    // Moves every record of other to the end of this list.
-    void splice_back(List& other) {
-        if (other.empty()) return;
-        Link* first = other.head_.next;
-        Link* last = other.head_.prev;
-        first->prev = head_.prev;
-        head_.prev->next = first;
-        last->next = &head_;
-        head_.prev = last;
-        other.clear();
-    }
-
     class iterator {
       public:
         iterator(Link* at, const Link* end) : at_(at), end_(end) {}
