@@ -61,23 +61,15 @@ void qosa::mem::release(void* p, u32 type, u32 line, const char* file) {
     if (p != nullptr) free_mem(file, line, p, type);
 }
 
-namespace {
-
-void* alloc_filled(u32 size, int fill_byte, u32 type, u32 line, const char* file) {
-    void* p = qosa::mem::alloc(size, type, line, file);
-    if (p != nullptr) fill(p, size, fill_byte);
-    return p;
-}
-
-} // namespace
-
 extern "C" {
 
 void* QOSA_MemTypeMallocD(u32 size, u32 type, u32 line, const char* file) {
     return qosa::mem::alloc(size, type, line, file);
 }
 void* QOSA_MemTypeMallocS(u32 size, int fill_byte, u32 type, u32 line, const char* file) {
-    return alloc_filled(size, fill_byte, type, line, file);
+    void* p = qosa::mem::alloc(size, type, line, file);
+    if (p != nullptr) fill(p, size, fill_byte);
+    return p;
 }
 void QOSA_MemTypeFreeD(void* p, u32 type, u32 line, const char* file) { qosa::mem::release(p, type, line, file); }
 
