@@ -15,7 +15,6 @@
 #include <fuzzer/FuzzedDataProvider.h>
 #include <ftw.h>
 #include <limits.h>
-#include <sanitizer/common_interface_defs.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -39,6 +38,9 @@
 #include "qosa_time.h"
 
 namespace st = qosa::stat;
+
+// A sanitizer's, when one is linked in (not in the replay of plain builds).
+extern "C" [[gnu::weak]] void __sanitizer_set_death_callback(void (*callback)());
 
 namespace {
 
@@ -345,7 +347,7 @@ struct Tree {
         char real[PATH_MAX];
         check(realpath(pattern.c_str(), real) != nullptr);
         root = g_tree = real;
-        __sanitizer_set_death_callback(remove_tree);
+        if (__sanitizer_set_death_callback != nullptr) __sanitizer_set_death_callback(remove_tree);
         const std::string deep(150, 'q'); // long resolved paths
         for (const std::string& d :
              {std::string("a"), std::string("a/b"), std::string("a/b/c"), std::string("w"), std::string("w/x"), deep})
