@@ -128,7 +128,7 @@ TEST_F(TimerService, StartRelTimerofGrpRefusesInCheckOrderAndMembersFireOnTimeUn
                      QOSA_StartRelTimerofGrp(g, 0, 20, 99, 0)}),
               Codes(3, 0)); // the last leaves the running member as it is
     std::this_thread::sleep_for(1100ms);
-    // Stopped, member 0 fires no more; started again, it goes with the group.
+    // Stopped, member 0 fires no more; started again (value 8), it goes with the group unfired.
     ASSERT_EQ(Codes({QOSA_StopRelTimerofGrp(g, 0), QOSA_StartRelTimerofGrp(g, 0, 30, 8, 0), QOSA_FreeRelTimerGrp(g)}),
               Codes(3, 0));
     std::this_thread::sleep_for(100ms);

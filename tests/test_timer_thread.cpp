@@ -240,9 +240,8 @@ TEST_F(TimerWheel, PetimerStartReltimerOnceKeepsOnceFreeReleasesStaleHandlesRefu
     start(QOSA_TIMER_ONCE, {10});
     start(QOSA_TIMER_ONCE_FREE, {10});
     ASSERT_EQ(petimer_start_reltimer_simple(30, on_fire, &kNames[2]), 0u);
-    EXPECT_EQ(live(g_reltmNum), 3);
     passes(5);
-    EXPECT_EQ(live(g_reltmNum), 1);
+    EXPECT_EQ(live(g_reltmNum), 1) << "the releasing ones counted out";
     ASSERT_EQ(petimer_start_reltimer(h[0], 10, &kNames[0]), 0u); // stopped, not gone
     passes(3);
     EXPECT_EQ(g_log, "a1 b1 c3 a6 ");
