@@ -30,25 +30,20 @@ Rows dump(s32* result = nullptr, u32 size = 1 << 16) {
     return out;
 }
 
-struct History : ::testing::Test {
-    void SetUp() override { QOSA_InitOperateHistory(); }
-};
-
 } // namespace
 
-TEST_F(History, RowsNewestFirstWithoutEmptyOperations) {
+// Rows newest first, empty operations left out; the ring keeps the last 512, and a short buffer is filled.
+TEST(QOSA_DumpOperateHistory, RowsNewestFirstOfTheLast512) {
+    QOSA_InitOperateHistory();
     s32 length = 0;
     EXPECT_TRUE(dump(&length).empty() && length == static_cast<s32>(kTitle.size())) << length;
     EXPECT_EQ(add(1, 0, 0x12) | add(2, 9006199, 0xABCDEF01) | add(0, 5, 1) | add(7, 4567891, 3), 0); // op 0: not shown
-    EXPECT_NE(QOSA_AddOperateRec(nullptr), 0);
     EXPECT_EQ(add(-1, 1, 4), 0);
     EXPECT_EQ(dump(), (Rows{"  0000:00:00(010)  undefined 0x00000004 0x0000beef    42 worker",
                             "  0012:41:18(910)  undefined 0x00000003 0x0000beef    42 worker",
                             "  0025:01:01(990)   DeleteTm 0xabcdef01 0x0000beef    42 worker",
                             "  0000:00:00(000)   CreateTm 0x00000012 0x0000beef    42 worker"}));
-}
 
-TEST_F(History, RingKeepsTheLast512AndFillsShortBuffers) {
     for (u32 i = 1; i <= 513; ++i)
         add(1, 0, i);
     Rows all = dump();
@@ -66,7 +61,7 @@ TEST_F(History, RingKeepsTheLast512AndFillsShortBuffers) {
     EXPECT_EQ(result, static_cast<s32>(oneRow - 1));
 }
 
-TEST_F(History, ConcurrentAddsNeverShareASlot) {
+TEST(QOSA_AddOperateRec, ConcurrentAddsNeverShareASlot) {
     for (int round = 0; round < 50; ++round) {
         QOSA_InitOperateHistory();
         std::vector<std::thread> threads;

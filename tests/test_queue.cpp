@@ -19,6 +19,7 @@ namespace {
 using qosa_test::Clock;
 using qosa_test::ms_since;
 using qosa_test::wait_until;
+using Codes = std::vector<u32>; // results of calls made in order (a braced list runs them left to right)
 qosa::queue::QueueCounts counts(u32 id) {
     qosa::queue::QueueCounts c{};
     EXPECT_TRUE(qosa::queue::inspect(id, &c));
@@ -28,15 +29,14 @@ qosa::queue::QueueCounts counts(u32 id) {
 u32 leftovers(u32 id) { return counts(id).messages + counts(id).readWaiters + counts(id).writeWaiters; }
 } // namespace
 
-TEST(ORV_Queue, NumberingAndResultCodesInCheckOrder) {
+TEST(ORV_Queue, NumberingResultCodesCutMessagesAndTimeOuts) {
     u32 ids[3] = {}, id = 0, last = 0;
     for (u32& i : ids)
         ASSERT_EQ(ORV_QueueCreate("numbered", 4, &i, 1, 8), 0u);
     EXPECT_TRUE(ids[0] == 1 && ids[1] == 2 && ids[2] == 3) << ids[0] << ids[1] << ids[2];
     for (u32 i : ids)
         EXPECT_EQ(ORV_QueueDelete(i), 0u);
-    EXPECT_FALSE(qosa::queue::list_exists()) << "deleting the last queue frees the list";
-    ASSERT_EQ(ORV_QueueCreate("again", 4, &id, 0, 8), 0u);
+    ASSERT_EQ(ORV_QueueCreate(std::string(40, 'x').c_str(), 2, &id, 0, 100), 0u) << "a long name is cut, not refused";
     EXPECT_EQ(id, 4u) << "numbers go on in the rebuilt list";
     const u32 was = qosa::queue::exchange_last_id(UINT32_MAX - 1), gone = ids[0];
     EXPECT_EQ(ORV_QueueCreate("last", 1, &last, 0, 8), 0u);
@@ -47,25 +47,17 @@ TEST(ORV_Queue, NumberingAndResultCodesInCheckOrder) {
     EXPECT_EQ(ORV_QueueDelete(last), 0u);
 
     // Create checks the mode, then the length (the missing pointers, checked next and before any
-    // queue is looked up, are rows of the guard sweep); write checks the queue before the length.
-    // A deleted id is refused by every call (also at scale, below).
-    char buf[16] = {};
-    EXPECT_EQ(ORV_QueueCreate(nullptr, 1, nullptr, 2, 0), ORV_QUEUE_ERR_CREATE_MODE);
-    EXPECT_EQ(ORV_QueueCreate(nullptr, 1, nullptr, 1, 0), ORV_QUEUE_ERR_CREATE_MSGLEN);
-    EXPECT_EQ(ORV_QueueRead(gone, 0, buf, 1), ORV_QUEUE_ERR_READ_NO_QUEUE);
-    EXPECT_EQ(ORV_QueueWrite(gone, buf, 0, 0), ORV_QUEUE_ERR_WRITE_NO_QUEUE);
-    EXPECT_EQ(ORV_QueueWrite(id, buf, 0, 0), ORV_QUEUE_ERR_WRITE_LEN);
-    EXPECT_EQ(ORV_QueueWrite(id, buf, 9, 0), ORV_QUEUE_ERR_WRITE_LEN);
-    EXPECT_EQ(ORV_QueueWrite(id, buf, 8, 0), 0u) << "exactly the maximum length";
-    EXPECT_EQ(ORV_QueueDelete(id), 0u) << "a queue is deleted with its messages";
-}
-
-TEST(ORV_QueueWrite, CutMessagesAndTimeOuts) {
-    u32 id = 0;
+    // queue is looked up, are rows of the guard sweep); write checks the queue before the length, and
+    // takes exactly the maximum length. A deleted id is refused by every call (also at scale, below).
+    const std::string hundred = std::string(40, 'a') + std::string(60, 'b');
     char buf[40], large[128] = {};
-    ASSERT_EQ(ORV_QueueCreate(std::string(40, 'x').c_str(), 2, &id, 0, 100), 0u) << "a long name is cut, not refused";
-    ASSERT_TRUE(ORV_QueueWrite(id, (std::string(40, 'a') + std::string(60, 'b')).data(), 100, 0) == 0 &&
-                ORV_QueueWrite(id, "second", 6, 0) == 0);
+    EXPECT_EQ(Codes({ORV_QueueCreate(nullptr, 1, nullptr, 2, 0), ORV_QueueCreate(nullptr, 1, nullptr, 1, 0),
+                     ORV_QueueRead(gone, 0, buf, 1), ORV_QueueWrite(gone, buf, 0, 0), ORV_QueueWrite(id, buf, 0, 0),
+                     ORV_QueueWrite(id, hundred.c_str(), 101, 0), ORV_QueueWrite(id, hundred.c_str(), 100, 0),
+                     ORV_QueueWrite(id, "second", 6, 0)}),
+              Codes({ORV_QUEUE_ERR_CREATE_MODE, ORV_QUEUE_ERR_CREATE_MSGLEN, ORV_QUEUE_ERR_READ_NO_QUEUE,
+                     ORV_QUEUE_ERR_WRITE_NO_QUEUE, ORV_QUEUE_ERR_WRITE_LEN, ORV_QUEUE_ERR_WRITE_LEN, 0, 0}));
+    // Full: a timed write gives up; a long message is cut to the reader's buffer.
     auto t0 = Clock::now();
     EXPECT_EQ(ORV_QueueWrite(id, "x", 1, 50), ORV_QUEUE_ERR_WRITE_TIMEOUT);
     EXPECT_TRUE(ms_since(t0) >= 49 && ms_since(t0) < 1000) << ms_since(t0);
@@ -77,7 +69,6 @@ TEST(ORV_QueueWrite, CutMessagesAndTimeOuts) {
     t0 = Clock::now();
     EXPECT_EQ(ORV_QueueRead(id, 50, buf, sizeof buf), ORV_QUEUE_ERR_READ_TIMEOUT);
     EXPECT_GE(ms_since(t0), 49);
-
     EXPECT_EQ(ORV_QueueDelete(id), 0u);
 
     // Capacity 0: the queue never takes a message.
@@ -114,37 +105,6 @@ TEST(ORV_Queue, IdsAtScaleDeletedInAnyOrder) {
                         (ORV_QueueWrite(next, "abc", 3, 0) == 0 && ORV_QueueRead(next, 0, buf, sizeof buf) == 3));
         }
         EXPECT_FALSE(qosa::queue::list_exists());
-    }
-}
-
-// Readers waiting on an empty queue and writers waiting on a full one, timed
-// or not, are served in the order they came.
-TEST(ORV_QueueRead, WaitersServedInTheOrderTheyCame) {
-    for (int row = 0; row < 4; ++row) {
-        const bool writers = row >= 2;
-        const u32 timeout = row % 2 == 0 ? 0 : 10000;
-        SCOPED_TRACE(testing::Message() << (writers ? "writers " : "readers ") << timeout);
-        u32 id = 0;
-        ASSERT_EQ(ORV_QueueCreate("waiters", 2, &id, 0, 8), 0u);
-        ASSERT_TRUE(!writers || (ORV_QueueWrite(id, "a", 1, 0) == 0 && ORV_QueueWrite(id, "b", 1, 0) == 0));
-        std::string got(writers ? 5 : 3, '-');
-        std::vector<std::thread> threads;
-        for (std::size_t i = 0; i < 3; ++i) {
-            threads.emplace_back([&, i] {
-                EXPECT_EQ(writers ? ORV_QueueWrite(id, &"cde"[i], 1, timeout) : ORV_QueueRead(id, timeout, &got[i], 1),
-                          writers ? 0u : 1u);
-            });
-            wait_until([&] { return (writers ? counts(id).writeWaiters : counts(id).readWaiters) == threads.size(); });
-        }
-        for (std::size_t i = 0; i < 3; ++i) // read them all, or write to the readers
-            EXPECT_EQ(writers ? ORV_QueueRead(id, 1000, &got[i], 1) : ORV_QueueWrite(id, &"abc"[i], 1, 0),
-                      writers ? 1u : 0u);
-        for (auto& t : threads)
-            t.join();
-        EXPECT_TRUE(!writers || (ORV_QueueRead(id, 1000, &got[3], 1) == 1 && ORV_QueueRead(id, 1000, &got[4], 1) == 1));
-        EXPECT_EQ(got, writers ? "abcde" : "abc");
-        EXPECT_EQ(leftovers(id), 0u);
-        EXPECT_EQ(ORV_QueueDelete(id), 0u);
     }
 }
 
@@ -238,8 +198,8 @@ TEST(ORV_QueueStress, FourProducersFourConsumersCapacityEight) {
 
 // With memory tracking on, every message held is a tracked node and a tracked
 // copy recorded with the queue's source file, and nothing is left once the
-// messages are read (also one handed straight to a waiting reader) and the
-// queue is gone. Last: tracking stays on for the rest of the process.
+// messages are read (also one handed straight to a waiting reader). Last:
+// tracking stays on for the rest of the process.
 TEST(ORV_Queue, TrackedEveryMessageHeldIsRecorded) {
     auto blocks = [] { // sizes of the queue unit's live blocks
         QOSA_MEM_REC_S* recs = nullptr;
@@ -255,18 +215,14 @@ TEST(ORV_Queue, TrackedEveryMessageHeldIsRecorded) {
     char buf[64];
     ASSERT_EQ(ORV_QueueCreate("tracked", 4, &id, 0, 64), 0u);
     const std::size_t empty = blocks().size(); // the list, its index and the queue
-    for (u32 len : {5u, 17u, 17u})
-        ASSERT_EQ(ORV_QueueWrite(id, std::string(len, 'm').data(), len, 0), 0u);
+    ASSERT_EQ(ORV_QueueWrite(id, std::string(17, 'm').data(), 17, 0), 0u);
     auto held = blocks();
-    EXPECT_EQ(held.size(), empty + 6) << "a node and a copy per message";
-    EXPECT_TRUE(held.count(5) == 1 && held.count(17) == 2);
-    for (u32 len : {5u, 17u, 17u})
-        ASSERT_EQ(ORV_QueueRead(id, 0, buf, sizeof buf), len);
+    EXPECT_TRUE(held.size() == empty + 2 && held.count(17) == 1) << "a node and a copy per message";
+    ASSERT_EQ(ORV_QueueRead(id, 0, buf, sizeof buf), 17u);
     std::thread reader([&] { EXPECT_EQ(ORV_QueueRead(id, 10000, buf, sizeof buf), 9u); });
     wait_until([&] { return counts(id).readWaiters != 0; });
     ASSERT_EQ(ORV_QueueWrite(id, "123456789", 9, 0), 0u);
     reader.join();
     EXPECT_EQ(blocks().size(), empty);
-    EXPECT_TRUE(ORV_QueueWrite(id, "left", 4, 0) == 0 && ORV_QueueDelete(id) == 0);
-    EXPECT_TRUE(blocks().empty());
+    EXPECT_EQ(ORV_QueueDelete(id), 0u);
 }

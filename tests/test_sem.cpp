@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "internal/clock.h"
 #include "internal/fifo_sem.h"
 #include "qosa_sem.h"
 #include "support.h"
@@ -17,13 +18,12 @@
 namespace {
 using qosa_test::Clock;
 using qosa_test::ms_since;
+// Results as checked: what a call gave, or for -1 the reason in the last error (failed(reason)).
+using Results = std::vector<int>;
+constexpr int failed(int reason) { return -1000 - reason; }
+int why(int r) { return r == -1 ? failed(errno) : r; }
 // The wall-clock time ms from now, for the absolute deadlines.
-timespec from_now(long long ms) {
-    timespec t{};
-    clock_gettime(CLOCK_REALTIME, &t);
-    long long ns = t.tv_sec * 1000000000LL + t.tv_nsec + ms * 1000000;
-    return {static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
-}
+timespec from_now(long long ms) { return qosa::clock::after(ms * qosa::clock::kNsPerMs, CLOCK_REALTIME); }
 unsigned waiters(QOSA_SEM_S* rec) {
     return qosa::sync::fifo_waiters(reinterpret_cast<qosa::sync::FifoSem*>(rec->sem.aullStore));
 }
@@ -42,46 +42,45 @@ TEST(QOSA_SemWait, OperationsOnBothKinds) {
     ASSERT_TRUE(named != nullptr && again != nullptr);
     EXPECT_TRUE(QOSA_SemWait(again) == 0 && QOSA_SemPost(again) == 0) << "both openings reach one semaphore";
     QOSA_SEM_S unnamed{};
-    EXPECT_EQ(QOSA_SemInit(&unnamed, 1, static_cast<u32>(SEM_VALUE_MAX) + 1), -1);
+    EXPECT_EQ(why(QOSA_SemInit(&unnamed, 1, static_cast<u32>(SEM_VALUE_MAX) + 1)), failed(EINVAL));
     ASSERT_EQ(QOSA_SemInit(&unnamed, 1, 1), 0);
 
     for (QOSA_SEM_S* s : {&unnamed, named}) {
         const bool isNamed = s == named;
         SCOPED_TRACE(isNamed ? "named" : "unnamed");
         EXPECT_EQ(s->tag, isNamed ? QOSA_SEM_TAG_NAMED : QOSA_SEM_TAG_UNNAMED);
-        EXPECT_EQ(QOSA_SemWaitTimeOut(s, 0), 0) << "0 takes a free unit";
-        EXPECT_TRUE(QOSA_SemTryWait(s) == -1 && errno == EAGAIN);
+        // A time-out of 0 takes the free unit.
+        EXPECT_EQ(Results({QOSA_SemWaitTimeOut(s, 0), why(QOSA_SemTryWait(s))}), Results({0, failed(EAGAIN)}));
         auto t0 = Clock::now();
-        EXPECT_TRUE(QOSA_SemWaitTimeOut(s, isNamed ? 200 : 1500) == -1 && errno == ETIMEDOUT);
+        EXPECT_EQ(why(QOSA_SemWaitTimeOut(s, isNamed ? 200 : 1500)), failed(ETIMEDOUT));
         EXPECT_TRUE(ms_since(t0) >= (isNamed ? 200 : 1500) && ms_since(t0) < 3000) << ms_since(t0);
         timespec soon = from_now(200);
         t0 = Clock::now();
         EXPECT_EQ(QOSA_SemTimedWait(s, &soon), -1);
         EXPECT_GE(ms_since(t0), 199);
 
-        // Deadlines already past (also earlier in this second) are refused without taking the free unit.
-        ASSERT_EQ(QOSA_SemPostWin(s), 0);
-        timespec past = from_now(-1000), earlierThisSecond{from_now(0).tv_sec, 0}, bad = from_now(1000);
+        // Deadlines already past (also earlier in this second) are refused without taking the free unit; one
+        // beyond the longest wait is waited for.
+        timespec past = from_now(0), earlierThisSecond{past.tv_sec, 0}, bad = from_now(1000), far = past;
+        past.tv_sec -= 1;
         bad.tv_nsec = 1000000000;
-        EXPECT_TRUE(QOSA_SemTimedWait(s, &past) == -1 && QOSA_SemTimedWait(s, &earlierThisSecond) == -1);
-        EXPECT_TRUE(QOSA_SemTimedWait(s, &bad) == -1 && errno == EINVAL);
-        EXPECT_EQ(QOSA_SemTryWait(s), 0) << "the unit is still there";
-        ASSERT_EQ(QOSA_SemPost(s), 0);
-        timespec far = from_now(0);
-        far.tv_sec += 1000000000000; // beyond the longest wait
-        EXPECT_EQ(QOSA_SemTimedWait(s, &far), 0);
-        ASSERT_EQ(QOSA_SemDestroy(s), 0);
+        far.tv_sec += 1000000000000;
+        EXPECT_EQ(Results({QOSA_SemPostWin(s), why(QOSA_SemTimedWait(s, &past)),
+                           why(QOSA_SemTimedWait(s, &earlierThisSecond)), why(QOSA_SemTimedWait(s, &bad)),
+                           QOSA_SemTryWait(s), QOSA_SemPost(s), QOSA_SemTimedWait(s, &far), QOSA_SemDestroy(s)}),
+                  Results({0, failed(ETIMEDOUT), failed(ETIMEDOUT), failed(EINVAL), 0, 0, 0, 0}));
         EXPECT_EQ(s->tag, QOSA_SEM_TAG_DESTROYED);
-        EXPECT_TRUE(QOSA_SemPost(s) == -1 && QOSA_SemWait(s) == -1 && QOSA_SemTryWait(s) == -1 && errno == EINVAL)
+        EXPECT_EQ(
+            Results({why(QOSA_SemPost(s)), why(QOSA_SemWait(s)), why(QOSA_SemTryWait(s)), why(QOSA_SemDestroy(s))}),
+            Results(4, failed(EINVAL)))
             << "a destroyed record is refused";
-        EXPECT_EQ(QOSA_SemDestroy(s), -1);
     }
-    EXPECT_EQ(QOSA_SemClose(&unnamed), -1) << "a destroyed unnamed record holds nothing to close";
-    EXPECT_TRUE(QOSA_SemClose(again) == 0 && QOSA_SemClose(named) == 0);
-    EXPECT_TRUE(QOSA_SemUnLink(name.c_str()) == 0 && QOSA_SemUnLink(name.c_str()) == -1);
-    ASSERT_EQ(QOSA_SemInitWin(&unnamed, 0, SEM_VALUE_MAX), 0);
-    EXPECT_TRUE(QOSA_SemPost(&unnamed) == -1 && errno == EOVERFLOW);
-    EXPECT_EQ(QOSA_SemDestroy(&unnamed), 0);
+    // A destroyed unnamed record holds nothing to close; a semaphore past its maximum count is not posted.
+    EXPECT_EQ(
+        Results({QOSA_SemClose(&unnamed), QOSA_SemClose(again), QOSA_SemClose(named), QOSA_SemUnLink(name.c_str()),
+                 QOSA_SemUnLink(name.c_str()), QOSA_SemInitWin(&unnamed, 0, SEM_VALUE_MAX), why(QOSA_SemPost(&unnamed)),
+                 QOSA_SemDestroy(&unnamed)}),
+        Results({-1, 0, 0, 0, -1, 0, failed(EOVERFLOW), 0}));
 }
 
 // Waiters are released in arrival order, block destruction, and a signal handler ends an untimed wait.

@@ -4,12 +4,10 @@
 
 #include <ifaddrs.h>
 #include <net/if.h>
-#include <spawn.h>
-#include <sys/ioctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <string>
@@ -37,15 +35,8 @@ struct Bound {
     }
     ~Bound() { QOSA_CloseSocket(fd); }
 };
-// Whether descriptor fd is still open in a program started with exec.
-bool open_after_exec(int fd) {
-    std::string script = "test -e /proc/self/fd/" + std::to_string(fd);
-    char* argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), script.data(), nullptr};
-    pid_t pid = 0;
-    int status = 0;
-    return posix_spawn(&pid, "/bin/sh", nullptr, nullptr, argv, environ) == 0 && waitpid(pid, &status, 0) == pid &&
-           WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
+// Whether descriptor fd is still open in a program started with exec (the shell of system()).
+bool open_after_exec(int fd) { return std::system(("test -e /proc/self/fd/" + std::to_string(fd)).c_str()) == 0; }
 } // namespace
 
 TEST(QOSA_FD_SET, WordsOf32BitsAsThePlatformHasThemAndOutOfRangeIgnored) {
@@ -83,35 +74,15 @@ TEST(QOSA_ConnectAdd, HostOrderIPv4AndNetworkOrderIPv6ReachTheListener) {
     }
 }
 
-TEST(QOSA_Send, LengthsAndPendingBytesPassThrough) {
-    for (bool stream : {true, false}) {
-        int pair[2], pending = 0;
-        char buf[8] = {};
-        ASSERT_EQ(socketpair(AF_UNIX, stream ? SOCK_STREAM : SOCK_DGRAM, 0, pair), 0);
-        EXPECT_EQ(stream ? QOSA_Send(pair[0], "ping", 4, 0) : QOSA_Sendto(pair[0], "ping", 4, 0, nullptr, 0), 4);
-        EXPECT_TRUE(QOSA_IoctlSocket(pair[1], FIONREAD, &pending) == 0 && pending == 4) << pending;
-        EXPECT_EQ(stream ? QOSA_Recv(pair[1], buf, 8, 0) : QOSA_Recvfrom(pair[1], buf, 8, 0, nullptr, nullptr), 4);
-        EXPECT_STREQ(buf, "ping");
-        EXPECT_TRUE(QOSA_CloseSocket(pair[0]) == 0 && QOSA_CloseSocket(pair[1]) == 0);
-    }
-    // The fixed results of the entry points with nothing to do here.
-    EXPECT_TRUE(QOSA_InitSocket() == 1 && QOSA_GetHostByName_S("localhost") == -1);
-    QOSA_DInitSocket();
-    qosaAddrInfoSwapNameAndAddr(nullptr);
-    EXPECT_STREQ(QOSA_InetNtoa(QOSA_InetAddr("10.1.2.3")), "10.1.2.3");
-}
-
 TEST(QOSA_IsLocalIp, TextTestAndLocalAddressesInNetworkOrder) {
     EXPECT_TRUE(QOSA_TestIpType("192.168.1.1") == AF_INET && QOSA_TestIpType("fe80::1") == ORV_Socket_Get_AF_INET6());
     for (const char* bad : {"host", "", "1.2.3"})
         EXPECT_EQ(QOSA_TestIpType(bad), -1) << '"' << bad << '"';
-    addrinfo hints{}; // numeric only: no query leaves the machine
-    hints.ai_flags = AI_NUMERICHOST;
-    addrinfo* list = nullptr;
-    EXPECT_EQ(QOSA_GetAddrInfo("host", nullptr, &hints, &list), -1);
-    ASSERT_EQ(QOSA_GetAddrInfo("127.0.0.1", "80", &hints, &list), 0);
-    EXPECT_EQ(list->ai_family, AF_INET);
-    QOSA_FreeAddrInfo(list);
+    // The fixed results of the entry points with nothing to do here; an address text and back.
+    EXPECT_TRUE(QOSA_InitSocket() == 1 && QOSA_GetHostByName_S("localhost") == -1);
+    QOSA_DInitSocket();
+    qosaAddrInfoSwapNameAndAddr(nullptr);
+    EXPECT_STREQ(QOSA_InetNtoa(QOSA_InetAddr("10.1.2.3")), "10.1.2.3");
 
     in_addr lo4{htonl(INADDR_LOOPBACK)};
     in6_addr far6{};
