@@ -41,6 +41,32 @@ TEST(QOSA_SigAddSet, BitsCapacityAndThePlatformLayout) {
         ASSERT_EQ(bytes[i], 0xFF) << "byte " << i;
 }
 
+// The signal and child-process pass-throughs, each where a call forwarded to the wrong platform call answers
+// differently.
+TEST(QOSA_SigWait, PassThroughsReachTheirOwnCalls) {
+    using R = std::vector<long>;
+    sigset_t usr2, old, pending;
+    s32 got = 0, status = 0;
+    struct sigaction ignore {
+    }, before{};
+    ignore.sa_handler = SIG_IGN;
+    QOSA_SigEmptySet(&usr2), QOSA_SigAddSet(&usr2, SIGUSR2);
+    EXPECT_EQ(R({QOSA_PthreadSigmask(SIG_BLOCK, &usr2, &old), QOSA_PthreadKill(pthread_self(), SIGUSR2),
+                 QOSA_SigPending(&pending), QOSA_SigIsMember(&pending, SIGUSR2), QOSA_SigWait(&usr2, &got), got,
+                 QOSA_SigProcmask(SIG_SETMASK, &old, nullptr), QOSA_SigAction(SIGUSR2, &ignore, &before),
+                 QOSA_Kill(QOSA_GetPID(), SIGUSR2), QOSA_SigAction(SIGUSR2, &before, nullptr)}),
+              R({0, 0, 0, 1, 0, SIGUSR2, 0, 0, 0, 0}));
+    const s64 child = QOSA_Fork();
+    ASSERT_GE(child, 0);
+    if (child == 0)
+        for (;;)
+            pause();
+    const auto pid = static_cast<pid_t>(child);
+    EXPECT_EQ(R({QOSA_Waitpid(pid, &status, WNOHANG), QOSA_Kill(pid, SIGTERM), QOSA_Waitpid(pid, &status, 0),
+                 WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM}),
+              R({0, 0, pid, 1}));
+}
+
 static std::atomic<int> s_caught{0};
 
 // The stubs give their fixed results and leave the last error alone (the shared-memory names set ENOSYS); the

@@ -1,6 +1,9 @@
 // The library's mutex, timed condition waits, thread handles, sleeps.
 #include <gtest/gtest.h>
 
+#include <sched.h>
+#include <sys/resource.h>
+
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -141,6 +144,33 @@ TEST(QOSA_PthreadCreateID, HandleNamesGiveTheCallingThreadsOwn) {
     void* ret = nullptr;
     ASSERT_TRUE(QOSA_PthreadCreateID(&t, 1234, nullptr, same_self, &token) == 0 && QOSA_PthreadJoin(t, &ret) == 0);
     EXPECT_EQ(ret, &token) << "a handle name gave another thread's handle";
+}
+
+// Each pass-through in a state where a call forwarded to the wrong platform call, or a result folded the wrong
+// way, answers differently.
+TEST(ORV_Pthread_RWLock, PassThroughsReachTheirOwnCalls) {
+    using R = std::vector<long>;
+    pthread_rwlock_t rw;
+    EXPECT_EQ(R({ORV_Pthread_RWLock_Init(&rw, nullptr), ORV_Pthread_RWLock_RDLock(&rw),
+                 ORV_Pthread_RWLock_TryRDLock(&rw), ORV_Pthread_RWLock_TryWRLock(&rw), ORV_Pthread_RWLock_UnLock(&rw),
+                 ORV_Pthread_RWLock_UnLock(&rw), ORV_Pthread_RWLock_WRLock(&rw), ORV_Pthread_RWLock_TryRDLock(&rw),
+                 ORV_Pthread_RWLock_UnLock(&rw), ORV_Pthread_RWLock_Destroy(&rw)}),
+              R({0, 0, 0, EBUSY, 0, 0, 0, EBUSY, 0, 0}));
+    const int nice = getpriority(PRIO_PROCESS, 0);
+    EXPECT_EQ(R({QOSA_GetPriority(PRIO_PROCESS, 0), ORV_GetPriority(PRIO_PGRP, 0),
+                 QOSA_SetPriority(PRIO_PROCESS, 0, nice), ORV_SetPriority(PRIO_PROCESS, -1, nice),
+                 QOSA_SchedGetPriorityMax(SCHED_FIFO), QOSA_SchedGetPriorityMin(SCHED_RR)}),
+              R({nice, getpriority(PRIO_PGRP, 0), 0, -1, sched_get_priority_max(SCHED_FIFO),
+                 sched_get_priority_min(SCHED_RR)}));
+    pthread_attr_t attr;
+    size_t stack = 0;
+    const sched_param param{0};
+    pthread_t t{};
+    EXPECT_EQ(R({QOSA_PthreadAttrInit(&attr), QOSA_PthreadAttrSetStacksize(&attr, 1u << 20),
+                 QOSA_PthreadAttrGetStacksize(&attr, &stack), long(stack), QOSA_PthreadAttrSetSchedparam(&attr, &param),
+                 QOSA_PthreadCreate(&t, &attr, same_self, nullptr), QOSA_PthreadDetach(t),
+                 QOSA_PthreadAttrDestroy(&attr), QOSA_PthreadSetName("qosa-named")}),
+              R({0, 0, 0, 1 << 20, 0, 0, 0, 0, 0}));
 }
 
 TEST(QOSA_SleepMs, MillisecondsWrapIn32Bits) {
