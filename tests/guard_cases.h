@@ -6,20 +6,89 @@
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
+#include <string>
+#include <tuple>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
+// A call's result as the table's value: a pointer as 0 (null) or 1, nothing as 0, a number as it is.
+template <class Call>
+std::int64_t result_of(const Call& call) {
+    using R = decltype(call());
+    if constexpr (std::is_void_v<R>)
+        return call(), 0;
+    else if constexpr (std::is_pointer_v<R>)
+        return call() != nullptr;
+    else
+        return static_cast<std::int64_t>(call());
+}
+
 struct GuardCase {
-    const char* name;                   // the entry point (one row per guarded argument is fine: add a suffix)
+    std::string name;                   // the entry point, a suffix naming the missing argument when it has several
     std::function<std::int64_t()> call; // calls it with the missing argument
     std::int64_t refusal;               // what it must return
     int lastError = 0;                  // 0: the last error is left alone; else what the refusal sets
 };
 
-std::vector<GuardCase>& guard_registry();
+inline std::vector<GuardCase>& guard_registry() {
+    static std::vector<GuardCase> rows;
+    return rows;
+}
 
+// A family's table: each entry is one of the macros below.
 struct GuardRows {
-    GuardRows(std::initializer_list<GuardCase> rows) { guard_registry().insert(guard_registry().end(), rows); }
+    GuardRows(std::initializer_list<std::vector<GuardCase>> rows) {
+        for (const auto& row : rows)
+            guard_registry().insert(guard_registry().end(), row.begin(), row.end());
+    }
 };
 
-// Turns a pointer result into 0 (null) or 1, for the table.
-inline std::int64_t as_flag(const void* p) { return p == nullptr ? 0 : 1; }
+// CASE(name, refusal, call): one case written out. SETS(error, ...): one whose refusal sets the last error.
+#define SETS(error, name, refusal, ...) one_case(name, refusal, error, [] { return __VA_ARGS__; })
+#define CASE(name, refusal, ...) SETS(0, name, refusal, __VA_ARGS__)
+
+template <class Call>
+std::vector<GuardCase> one_case(const char* name, std::int64_t refusal, int error, Call call) {
+    return {{name, [call] { return result_of(call); }, refusal, error}};
+}
+
+// The names in a macro's spelled-out argument list: of each argument its last identifier, without a leading "s_".
+std::vector<std::string> guard_names(const char* spelled);
+
+// WITHOUT_ARGS(refusal, f, g, ...): f, g, ... each called with every argument null or zero, each refusing alike.
+#define WITHOUT_ARGS(refusal, ...) without_args(guard_names(#__VA_ARGS__), refusal, __VA_ARGS__)
+
+template <class R, class... A>
+auto nothing_for(R (*fn)(A...)) {
+    return [fn] { return result_of([fn] { return fn(A{}...); }); };
+}
+template <class... Fn>
+std::vector<GuardCase> without_args(const std::vector<std::string>& names, std::int64_t refusal, Fn... fns) {
+    std::size_t i = 0; // a braced list is evaluated in order
+    return {{names[i++], nothing_for(fns), refusal}...};
+}
+
+// EACH_MISSING(f, refusal, a, b, ...): f(a, b, ...) with one of its non-null pointer arguments null, for each of
+// them in turn; the case is named f_<that argument>.
+#define EACH_MISSING(fn, refusal, ...) each_missing(#fn, guard_names(#__VA_ARGS__), refusal, fn, __VA_ARGS__)
+
+template <std::size_t I, class R, class... A>
+void add_without(std::vector<GuardCase>& cases, std::string name, std::int64_t refusal, R (*fn)(A...),
+                 std::tuple<A...> args) {
+    if constexpr (std::is_pointer_v<std::tuple_element_t<I, std::tuple<A...>>>)
+        if (std::get<I>(args) != nullptr) {
+            std::get<I>(args) = nullptr;
+            cases.push_back({name, [fn, args] { return result_of([&] { return std::apply(fn, args); }); }, refusal});
+        }
+}
+template <class R, class... A, class... V>
+std::vector<GuardCase> each_missing(const std::string& fn_name, const std::vector<std::string>& names,
+                                    std::int64_t refusal, R (*fn)(A...), V... given) {
+    std::vector<GuardCase> cases;
+    [&]<std::size_t... I>(std::index_sequence<I...>) {
+        (add_without<I>(cases, fn_name + "_" + names[I], refusal, fn, std::tuple<A...>{given...}), ...);
+    }
+    (std::index_sequence_for<A...>{});
+    return cases;
+}

@@ -6,34 +6,22 @@ namespace {
 // A word that is no slot number, in front of a pointer that is no block.
 u32 s_notBlock[4] = {0xFFFFFFFFu, 0xFFFFFFFFu, 0, 0};
 QOSA_MEM_REC_S s_rec;
-char s_buf[64];
+char s_text[64];
+const char* const s_pattern = "a";
 } // namespace
 
 static GuardRows s_rows{
-    {"QOSA_MemTypeFreeD", [] { return QOSA_MemTypeFreeD(nullptr, 0, __LINE__, __FILE__), 0; }, 0},
-    {"QOSA_MemGetMemStatus", [] { return QOSA_MemGetMemStatus(nullptr); }, 1},
-    {"QOSA_MemGetMemRec", [] { return QOSA_MemGetMemRec(0, 0, nullptr, nullptr); }, 1},
-    {"QOSA_MemGetMemScan", [] { return QOSA_MemGetMemScan(nullptr); }, 1},
-    {"QOSA_MemGetMemoryUseMonitor", [] { return QOSA_MemGetMemoryUseMonitor(nullptr); }, 1},
-    {"MemGetMemStats", [] { return MemGetMemStats(nullptr); }, 1},
-    {"MemGetMemRec", [] { return MemGetMemRec(0, 0, nullptr, nullptr); }, 1},
-    {"MemGetMemScan", [] { return MemGetMemScan(nullptr); }, 1},
-    {"MemGetMemoryUseMonitor", [] { return MemGetMemoryUseMonitor(nullptr); }, 1},
-    {"MemRecordMemRecFun", [] { return MemRecordMemRecFun(nullptr), 0; }, 0},
-    {"sysMemDeleteUserMem", [] { return sysMemDeleteUserMem(nullptr); }, 4},
-    {"sysMemCopyUserMem_dst", [] { return sysMemCopyUserMem(nullptr, &s_notBlock[2]); }, 1},
-    {"sysMemCopyUserMem_src", [] { return sysMemCopyUserMem(&s_notBlock[2], nullptr); }, 1},
-    {"sysMemCheckUserAddr", [] { return as_flag(sysMemCheckUserAddr(nullptr)); }, 0},
-    {"sysMemGetErrMemLog", [] { return sysMemGetErrMemLog(nullptr); }, 0},
-    {"sysMemProtect", [] { return sysMemProtect(nullptr); }, -1},
-    {"sysMemUnProtect", [] { return sysMemUnProtect(nullptr); }, -1},
-    {"sysMemSortMemInfo", [] { return sysMemSortMemInfo(nullptr, nullptr, 0); }, 0},
-    {"sysMemScanErrMemInfo", [] { return sysMemScanErrMemInfo(nullptr); }, 0},
-    {"sysMemPrintMemInfo", [] { return sysMemPrintMemInfo(1, nullptr, 100, &s_rec, 1); }, 0},
-    {"sysMemLogStringCat", [] { return sysMemLogStringCat(nullptr, 100, "%d", 1); }, 0},
-    {"sysMemLogStringCat_format", [] { return sysMemLogStringCat(s_buf, sizeof s_buf, nullptr); }, 0},
-    {"sysMemStrcasestr_text", [] { return as_flag(sysMemStrcasestr(nullptr, "a")); }, 0},
-    {"sysMemStrcasestr_pattern", [] { return as_flag(sysMemStrcasestr(s_buf, nullptr)); }, 0},
-    {"sysMemSortByAddr", [] { return sysMemSortByAddr(nullptr, nullptr); }, 1},
-    {"sysMemSortBySize", [] { return sysMemSortBySize(nullptr, nullptr); }, 1},
+    WITHOUT_ARGS(0, QOSA_MemTypeFreeD, MemRecordMemRecFun, sysMemCheckUserAddr, sysMemGetErrMemLog, sysMemSortMemInfo,
+                 sysMemScanErrMemInfo),
+    WITHOUT_ARGS(1, QOSA_MemGetMemStatus, QOSA_MemGetMemRec, QOSA_MemGetMemScan, QOSA_MemGetMemoryUseMonitor,
+                 MemGetMemStats, MemGetMemRec, MemGetMemScan, MemGetMemoryUseMonitor, sysMemSortByAddr,
+                 sysMemSortBySize),
+    WITHOUT_ARGS(-1, sysMemProtect, sysMemUnProtect),
+    CASE("sysMemDeleteUserMem", 4, sysMemDeleteUserMem(nullptr)),
+    CASE("sysMemCopyUserMem_dst", 1, sysMemCopyUserMem(nullptr, &s_notBlock[2])),
+    CASE("sysMemCopyUserMem_src", 1, sysMemCopyUserMem(&s_notBlock[2], nullptr)),
+    CASE("sysMemPrintMemInfo", 0, sysMemPrintMemInfo(1, nullptr, 100, &s_rec, 1)),
+    CASE("sysMemLogStringCat", 0, sysMemLogStringCat(nullptr, 100, "%d", 1)),
+    CASE("sysMemLogStringCat_format", 0, sysMemLogStringCat(s_text, sizeof s_text, nullptr)),
+    EACH_MISSING(sysMemStrcasestr, 0, s_text, s_pattern),
 };

@@ -2,19 +2,14 @@
 #include "guard_cases.h"
 #include "qosa.h"
 
-static u32 s_n = 0;
-static QOSA_OS_PROC_INFO_S* s_procs = nullptr;
+static const char* const s_name = "init";
+static u32 s_total, s_free, s_count;
+static QOSA_OS_PROC_INFO_S* s_records = nullptr;
 static QOSA_OS_THREAD_INFO_S* s_threads = nullptr;
 
 static GuardRows s_rows{
-    {"QOSA_OS_GetCPUBusyRateAll", [] { return QOSA_OS_GetCPUBusyRateAll(nullptr); }, 3},
-    {"QOSA_OS_GetCPUBusyRate_NoCount", [] { return QOSA_OS_GetCPUBusyRate(nullptr, &s_procs); }, 3},
-    {"QOSA_OS_GetCPUBusyRate_NoRecords", [] { return QOSA_OS_GetCPUBusyRate(&s_n, nullptr); }, 3},
-    {"QOSA_OS_GetMEMAllocRate_NoTotal", [] { return QOSA_OS_GetMEMAllocRate(nullptr, &s_n, &s_n, &s_procs); }, 3},
-    {"QOSA_OS_GetMEMAllocRate_NoFree", [] { return QOSA_OS_GetMEMAllocRate(&s_n, nullptr, &s_n, &s_procs); }, 3},
-    {"QOSA_OS_GetMEMAllocRate_NoCount", [] { return QOSA_OS_GetMEMAllocRate(&s_n, &s_n, nullptr, &s_procs); }, 3},
-    {"QOSA_OS_GetMEMAllocRate_NoRecords", [] { return QOSA_OS_GetMEMAllocRate(&s_n, &s_n, &s_n, nullptr); }, 3},
-    {"QOSA_OS_GetProcThread_NoName", [] { return QOSA_OS_GetProcThread(nullptr, &s_n, &s_threads); }, 3},
-    {"QOSA_OS_GetProcThread_NoCount", [] { return QOSA_OS_GetProcThread("init", nullptr, &s_threads); }, 3},
-    {"QOSA_OS_GetProcThread_NoRecords", [] { return QOSA_OS_GetProcThread("init", &s_n, nullptr); }, 3},
+    WITHOUT_ARGS(3, QOSA_OS_GetCPUBusyRateAll),
+    EACH_MISSING(QOSA_OS_GetCPUBusyRate, 3, &s_count, &s_records),
+    EACH_MISSING(QOSA_OS_GetMEMAllocRate, 3, &s_total, &s_free, &s_count, &s_records),
+    EACH_MISSING(QOSA_OS_GetProcThread, 3, s_name, &s_count, &s_threads),
 };

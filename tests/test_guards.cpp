@@ -2,12 +2,17 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstring>
+#include <regex>
 
 #include "guard_cases.h"
 
-std::vector<GuardCase>& guard_registry() {
-    static std::vector<GuardCase> rows;
-    return rows;
+std::vector<std::string> guard_names(const char* spelled) {
+    static const std::regex lastWord(R"((?:s_)?(\w+)[^\w,]*(?:,|$))");
+    std::vector<std::string> names;
+    for (std::cregex_iterator it(spelled, spelled + std::strlen(spelled), lastWord), end; it != end; ++it)
+        names.push_back((*it)[1]);
+    return names;
 }
 
 class Guards : public ::testing::TestWithParam<GuardCase> {};
@@ -19,4 +24,4 @@ TEST_P(Guards, MissingArgumentIsRefused) {
 }
 
 INSTANTIATE_TEST_SUITE_P(AllEntryPoints, Guards, ::testing::ValuesIn(guard_registry()),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& info) { return info.param.name; });
