@@ -229,8 +229,12 @@ TEST_F(MemTracked, BlocksEndAtTheirGuardPage) {
         testing::KilledBySignal(SIGSEGV), "")
         << "the last byte is writable, the one past the end faults on the guard page";
     QOSA_MemTypeFreeD(a, QOSA_MEM_CACHE, __LINE__, kFile);
+    std::memset(b, 0x5A, 4089);
     for (char* p : {b, c})
         EXPECT_EQ(release(p), 0u);
+    char* zeroed = static_cast<char*>(MemCallocMem(kFile, __LINE__, 4089, 1)); // likely on the pages b left
+    EXPECT_EQ(std::string(zeroed, 4089), std::string(4089, '\0'));
+    EXPECT_EQ(release(zeroed), 0u);
     EXPECT_EQ(QOSA_MemTypeMallocD(0, QOSA_MEM_DYN, __LINE__, kFile), nullptr);
     const int refused[][2] = {{0, 4}, {-1, 4}, {4, 0}, {0x10000, 0x10000}}; // the last is 2^32
     for (const auto& r : refused)
