@@ -1,11 +1,11 @@
-// Rows of the guard sweep. Each family's guards_<family>.cpp registers the
-// entry points it guards: called with a missing argument, each must give its
-// refusal value, leave the last error alone and not crash.
+// The rows of the guard sweep (test_guards.cpp) and the macros that write them.
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <initializer_list>
+#include <regex>
 #include <string>
 #include <tuple>
 #include <type_traits>
@@ -31,18 +31,13 @@ struct GuardCase {
     int lastError = 0;                  // 0: the last error is left alone; else what the refusal sets
 };
 
-inline std::vector<GuardCase>& guard_registry() {
-    static std::vector<GuardCase> rows;
-    return rows;
+// The table: each entry is one of the macros below.
+inline std::vector<GuardCase> all_cases(std::initializer_list<std::vector<GuardCase>> rows) {
+    std::vector<GuardCase> cases;
+    for (const auto& row : rows)
+        cases.insert(cases.end(), row.begin(), row.end());
+    return cases;
 }
-
-// A family's table: each entry is one of the macros below.
-struct GuardRows {
-    GuardRows(std::initializer_list<std::vector<GuardCase>> rows) {
-        for (const auto& row : rows)
-            guard_registry().insert(guard_registry().end(), row.begin(), row.end());
-    }
-};
 
 // CASE(name, refusal, call): one case written out. SETS(error, ...): one whose refusal sets the last error.
 #define SETS(error, name, refusal, ...) one_case(name, refusal, error, [] { return __VA_ARGS__; })
@@ -54,7 +49,13 @@ std::vector<GuardCase> one_case(const char* name, std::int64_t refusal, int erro
 }
 
 // The names in a macro's spelled-out argument list: of each argument its last identifier, without a leading "s_".
-std::vector<std::string> guard_names(const char* spelled);
+inline std::vector<std::string> guard_names(const char* spelled) {
+    static const std::regex lastWord(R"((?:s_)?(\w+)[^\w,]*(?:,|$))");
+    std::vector<std::string> names;
+    for (std::cregex_iterator it(spelled, spelled + std::strlen(spelled), lastWord), end; it != end; ++it)
+        names.push_back((*it)[1]);
+    return names;
+}
 
 // WITHOUT_ARGS(refusal, f, g, ...): f, g, ... each called with every argument null or zero, each refusing alike.
 #define WITHOUT_ARGS(refusal, ...) without_args(guard_names(#__VA_ARGS__), refusal, __VA_ARGS__)
@@ -69,9 +70,10 @@ std::vector<GuardCase> without_args(const std::vector<std::string>& names, std::
     return {{names[i++], nothing_for(fns), refusal}...};
 }
 
-// EACH_MISSING(f, refusal, a, b, ...): f(a, b, ...) with one of its non-null pointer arguments null, for each of
-// them in turn; the case is named f_<that argument>.
-#define EACH_MISSING(fn, refusal, ...) each_missing(#fn, guard_names(#__VA_ARGS__), refusal, fn, __VA_ARGS__)
+// EACH_MISSING(refusal, (a, b, ...), f, g, ...): f(a, b, ...), g(a, b, ...), ... with one of their non-null
+// pointer arguments null, for each of them in turn; the case is named f_<that argument>.
+#define EACH_MISSING(refusal, args, ...)                                                                               \
+    each_missing(guard_names(#args), guard_names(#__VA_ARGS__), refusal, std::make_tuple args, __VA_ARGS__)
 
 template <std::size_t I, class R, class... A>
 void add_without(std::vector<GuardCase>& cases, std::string name, std::int64_t refusal, R (*fn)(A...),
@@ -82,13 +84,19 @@ void add_without(std::vector<GuardCase>& cases, std::string name, std::int64_t r
             cases.push_back({name, [fn, args] { return result_of([&] { return std::apply(fn, args); }); }, refusal});
         }
 }
-template <class R, class... A, class... V>
-std::vector<GuardCase> each_missing(const std::string& fn_name, const std::vector<std::string>& names,
-                                    std::int64_t refusal, R (*fn)(A...), V... given) {
-    std::vector<GuardCase> cases;
+template <class R, class... A, class Given>
+void add_each(std::vector<GuardCase>& cases, const std::string& fn_name, const std::vector<std::string>& names,
+              std::int64_t refusal, R (*fn)(A...), const Given& given) {
     [&]<std::size_t... I>(std::index_sequence<I...>) {
-        (add_without<I>(cases, fn_name + "_" + names[I], refusal, fn, std::tuple<A...>{given...}), ...);
+        (add_without<I>(cases, fn_name + "_" + names[I], refusal, fn, std::tuple<A...>(given)), ...);
     }
     (std::index_sequence_for<A...>{});
+}
+template <class Given, class... Fn>
+std::vector<GuardCase> each_missing(const std::vector<std::string>& names, const std::vector<std::string>& fn_names,
+                                    std::int64_t refusal, const Given& given, Fn... fns) {
+    std::vector<GuardCase> cases;
+    std::size_t i = 0;
+    (add_each(cases, fn_names[i++], names, refusal, fns, given), ...);
     return cases;
 }
