@@ -1,4 +1,4 @@
-// The rows of the guard sweep (test_guards.cpp) and the macros that write them.
+// The rows of the guard sweep (test_guards.cpp): the table (guards_table.cpp) and the macros that write it.
 #pragma once
 
 #include <cstdint>
@@ -30,6 +30,8 @@ struct GuardCase {
     std::int64_t refusal;               // what it must return
     int lastError = 0;                  // 0: the last error is left alone; else what the refusal sets
 };
+
+const std::vector<GuardCase>& guard_table();
 
 // The table: each entry is one of the macros below.
 inline std::vector<GuardCase> all_cases(std::initializer_list<std::vector<GuardCase>> rows) {
