@@ -1,6 +1,7 @@
 // The rows of the guard sweep (test_guards.cpp): the table (guards_table.cpp) and the macros that write it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -23,6 +24,16 @@ std::int64_t result_of(const Call& call) {
     else
         return static_cast<std::int64_t>(call());
 }
+
+// A present argument of whatever pointer type a call takes: zeroed storage (an object of any type a row needs
+// fits).
+struct Present {
+    template <class T>
+    operator T*() const {
+        alignas(std::max_align_t) static char zeros[4096];
+        return reinterpret_cast<T*>(zeros);
+    }
+};
 
 struct GuardCase {
     std::string name;                   // the entry point, a suffix naming the missing argument when it has several
