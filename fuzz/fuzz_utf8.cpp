@@ -46,54 +46,58 @@ u32 value_of(const u8* s, std::size_t len) {
     return v;
 }
 
+// (Both references write through raw pointers: the replay runs unoptimised
+// under the sanitizers too.)
 Units ref_loose(const u8* s, std::size_t n) {
-    Units out;
-    out.reserve(n);
+    Units out(n);
+    u32* o = out.data();
     for (std::size_t i = 0; i < n;) {
         const std::size_t len = lead_length(s[i]);
         if (len > n - i) break;
-        out.push_back(value_of(s + i, len));
+        *o++ = value_of(s + i, len);
         i += len;
     }
+    out.resize(static_cast<std::size_t>(o - out.data()));
     return out;
 }
 
 Units ref_strict(const u8* s, std::size_t n) {
     static constexpr u32 kShortest[7] = {0, 0, 0x80, 0x800, 0x10000, 0x200000, 0x4000000};
-    Units out;
-    out.reserve(n);
+    Units out(n);
+    u32* o = out.data();
     for (std::size_t i = 0; i < n;) {
         const std::size_t len = lead_length(s[i]);
         bool ok = (s[i] < 0x80 || s[i] >= 0xC0) && s[i] < 0xFE && len <= n - i;
         for (std::size_t k = 1; ok && k < len; ++k)
             ok = (s[i + k] & 0xC0) == 0x80;
         if (ok && len > 1) ok = value_of(s + i, len) >= kShortest[len];
-        if (ok) out.push_back(value_of(s + i, len));
+        if (ok) *o++ = value_of(s + i, len);
         i += ok ? len : 1;
     }
+    out.resize(static_cast<std::size_t>(o - out.data()));
     return out;
 }
 
-// Appends the form of c: the shortest of up to six bytes, bit 31 lost; a wide
-// unit at or above 2^31 is its low byte.
-void ref_encode(u32 c, bool wide, std::string& out) {
+// Writes the form of c at out and returns the byte after it: the shortest
+// of up to six bytes, bit 31 lost; a wide unit at or above 2^31 is its low byte.
+char* ref_encode(u32 c, bool wide, char* out) {
     if (c < 0x80 || (wide && c >= 0x80000000u)) {
-        out += static_cast<char>(c & 0xFF);
-        return;
+        *out = static_cast<char>(c & 0xFF);
+        return out + 1;
     }
     const std::size_t len = c < 0x800 ? 2 : c < 0x10000 ? 3 : c < 0x200000 ? 4 : c < 0x4000000 ? 5 : 6;
-    char seq[6];
     for (std::size_t k = len - 1; k > 0; --k, c >>= 6)
-        seq[k] = static_cast<char>(0x80 | (c & 0x3F));
-    seq[0] = static_cast<char>((0xFF00u >> len) | (c & (0xFFu >> (len + 1))));
-    out.append(seq, len);
+        out[k] = static_cast<char>(0x80 | (c & 0x3F));
+    out[0] = static_cast<char>((0xFF00u >> len) | (c & (0xFFu >> (len + 1))));
+    return out + len;
 }
 
 std::string ref_encode(const Units& u, bool wide) {
-    std::string out;
-    out.reserve(u.size() * 6);
+    std::string out(u.size() * 6, '\0');
+    char* end = out.data();
     for (u32 c : u)
-        ref_encode(c, wide, out);
+        end = ref_encode(c, wide, end);
+    out.resize(static_cast<std::size_t>(end - out.data()));
     return out;
 }
 
@@ -116,7 +120,7 @@ bool by_iconv(bool toUtf8, const void* data, std::size_t size, std::string& out)
 
 Units wide_units(const std::string& bytes) {
     Units u(bytes.size() / 4);
-    std::memcpy(u.data(), bytes.data(), u.size() * 4);
+    if (!u.empty()) std::memcpy(u.data(), bytes.data(), u.size() * 4);
     return u;
 }
 
@@ -142,10 +146,12 @@ void decoders(const char* text, std::size_t len) {
     for (std::size_t i = 0; i < strict.size(); ++i)
         check(static_cast<u32>(wide[i]) == strict[i]);
 
-    std::string narrow;
+    std::string narrow(strict.size() * 4, '\0');
+    char* end = narrow.data();
     for (u32 c : strict)
         for (int shift = 0; shift < 32; shift += 8)
-            if (c < 0x100 ? shift == 0 : ((c >> shift) & 0xFF) != 0) narrow += static_cast<char>(c >> shift);
+            if (c < 0x100 ? shift == 0 : ((c >> shift) & 0xFF) != 0) *end++ = static_cast<char>(c >> shift);
+    narrow.resize(static_cast<std::size_t>(end - narrow.data()));
     char* a = ORV_Utf8ToUnicodeA(text);
     check(a != nullptr && narrow == a);
 
@@ -173,44 +179,45 @@ void decoders(const char* text, std::size_t len) {
 Units made_units(const std::uint8_t* data, std::size_t size) {
     static constexpr u32 kEdges[] = {0x80, 0x800, 0x10000, 0x200000, 0x4000000, 0x80000000u, 0xD800, 0x110000};
     const bool scalars = size > 0 && (data[0] & 8) != 0; // Unicode scalar values only
-    Units u;
-    for (std::size_t i = 0; i + 4 <= size; i += 4) {
+    Units u(size / 4);
+    std::size_t n = 0;
+    for (; n < u.size(); ++n) {
         u32 w;
-        std::memcpy(&w, data + i, 4);
+        std::memcpy(&w, data + 4 * n, 4);
         const u32 low = w >> 4;
+        u32 c = w;
         switch (scalars ? 1 + w % 6 : w % 12) {
         case 0:
-            u.push_back(kEdges[low % 8] - (low >> 3) % 2);
+            c = kEdges[low % 8] - (low >> 3) % 2;
             break;
         case 1:
         case 2:
-            u.push_back(1 + low % 0x7F);
+            c = 1 + low % 0x7F;
             break;
         case 3:
-            u.push_back(0x80 + low % 0x780);
+            c = 0x80 + low % 0x780;
             break;
         case 4:
         case 5:
-            u.push_back(0x800 + low % 0xF800);
+            c = 0x800 + low % 0xF800;
             break;
         case 6:
-            u.push_back(0x10000 + low % 0x100000);
+            c = 0x10000 + low % 0x100000;
             break;
         case 7:
-            u.push_back(0x110000 + low % 0xF0000);
+            c = 0x110000 + low % 0xF0000;
             break;
         case 8:
-            u.push_back(0x200000 + low % 0x7E00000);
+            c = 0x200000 + low % 0x7E00000;
             break;
         default:
-            u.push_back(w);
             break;
         }
-        if (scalars && u.back() >= 0xD800 && u.back() <= 0xDFFF) u.back() += 0x800;
-        if (u.back() == 0) break;
+        if (scalars && c >= 0xD800 && c <= 0xDFFF) c += 0x800;
+        if (c == 0) break;
+        u.data()[n] = c;
     }
-    while (!u.empty() && u.back() == 0)
-        u.pop_back();
+    u.resize(n);
     return u;
 }
 
@@ -240,10 +247,9 @@ void encoders(const Units& u) {
         u8 out[8] = {};
         u32 back = 0;
         const long n = unicode_to_utf8(c, out) - out;
-        std::string one;
-        ref_encode(c, false, one);
-        check(n == static_cast<long>(UTF8_LENGTH(c)) &&
-              one.compare(0, one.size(), reinterpret_cast<char*>(out), n) == 0);
+        char one[6];
+        check(n == ref_encode(c, false, one) - one && n == static_cast<long>(UTF8_LENGTH(c)) &&
+              std::memcmp(one, out, static_cast<std::size_t>(n)) == 0);
         check(utf8_to_unicode(out, &back) == n && back == (c & 0x7FFFFFFF));
     }
 
@@ -310,14 +316,14 @@ void sequence_check(const std::uint8_t* data, std::size_t size) {
 // bytes), a byte now and then left as it was: runs for the word-at-a-time
 // paths, with overlong forms and breaks in them.
 std::string shaped(const std::uint8_t* data, std::size_t size) {
-    std::string s;
     const std::size_t len = size > 0 ? 2 + data[0] % 3 : 2;
     size = std::min<std::size_t>(size, 256);
+    std::string s(size > 0 ? size - 1 : 0, '\0');
     for (std::size_t i = 1; i < size; ++i) {
         const u8 b = data[i];
         u8 c = (i - 1) % len == 0 ? static_cast<u8>((0xFF00u >> len) | (b & (0xFFu >> (len + 1)))) : 0x80 | (b & 0x3F);
         if (data[size - i] % 16 == 0) c = b;
-        s += static_cast<char>(c != 0 ? c : 0x80);
+        s.data()[i - 1] = static_cast<char>(c != 0 ? c : 0x80);
     }
     return s;
 }
