@@ -580,8 +580,10 @@ void strings(FuzzedDataProvider& in) {
     std::string other = in.ConsumeRandomLengthString(12);
     if (in.ConsumeBool()) { // the same letters, some of them in the other case
         other = a.substr(0, in.ConsumeIntegralInRange<std::size_t>(0, a.size())) + other.substr(0, 2);
-        for (char& c : other)
-            if (in.ConsumeBool()) c = static_cast<char>(std::isupper(c) ? std::tolower(c) : std::toupper(c));
+        for (char& c : other) {
+            const auto u = static_cast<unsigned char>(c);
+            if (in.ConsumeBool()) c = static_cast<char>(std::isupper(u) ? std::tolower(u) : std::toupper(u));
+        }
     }
     const u32 count = in.ConsumeBool() ? in.ConsumeIntegralInRange<u32>(0, 14) : in.ConsumeIntegral<u32>();
     const char *x = a.c_str(), *y = other.c_str();
