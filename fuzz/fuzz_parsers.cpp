@@ -1,10 +1,12 @@
 // The library's text parsers and rules against plain references:
 // - /proc text: stat lines made the way the kernel prints them (any name,
 //   blanks and parentheses included) must give back what they were made of;
-//   arbitrary text must give what a plain reference parse gives; the cpu line
-//   and meminfo likewise; the process-name test against its rule;
+//   arbitrary text and such lines cut anywhere must give what a plain
+//   reference parse gives; the cpu line, meminfo and the shares likewise; the
+//   process-name test and the state codes against their rules;
 // - the date-time validity rule against a reference written from the rule
-//   and, for whole dates, against the C library's calendar (timegm);
+//   and, for whole dates, against the C library's calendar (timegm); the
+//   arithmetic of the clock readings;
 // - QOSA_Versionsort against versionsort;
 // - QOSA_RelPath against realpath in a scratch tree of directories, files and
 //   symbolic links (loops and dangling ones included);
@@ -33,8 +35,10 @@
 #include <vector>
 
 #include "internal/proc_parse.h"
+#include "internal/time.h"
 #include "qosa_file.h"
 #include "qosa_socket.h"
+#include "qosa_stat.h"
 #include "qosa_time.h"
 
 namespace st = qosa::stat;
@@ -81,7 +85,93 @@ std::string no_nul(std::string s, char instead = ' ') {
 // ---- /proc stat lines -------------------------------------------------------
 
 constexpr std::size_t kName = st::kNameMax;
+using u128 = unsigned __int128;
 constexpr char kBlanks[] = " \t\r\n";
+
+// The reference: the name runs from the first "(" to the last ")"; field F
+// (F >= 3) starts F - 2 blank-led steps after that ")".
+struct RefLine {
+    bool named = false;
+    std::string name;
+    std::size_t close = 0;
+};
+
+RefLine ref_name(const std::string& s) {
+    RefLine r;
+    const std::size_t open = s.find('('), close = s.rfind(')');
+    if (open == std::string::npos || close == std::string::npos || close < open) return r;
+    r.named = true;
+    r.name = s.substr(open + 1, std::min(close - open - 1, kName));
+    r.close = close;
+    return r;
+}
+
+bool ref_field(const std::string& s, std::size_t from, u32 steps, std::size_t* at) {
+    std::size_t p = from;
+    for (u32 i = 0; i < steps; ++i) {
+        p = s.find(' ', p);
+        if (p == std::string::npos) return false;
+        p = s.find_first_not_of(kBlanks, p);
+        if (p == std::string::npos) p = s.size();
+    }
+    *at = p;
+    return true;
+}
+
+// The head, read in line order: the pid (a number first, else -1); a "("
+// after blanks and a ")" after it (else 1): the token from the "(" to the
+// last ")", cut to kNameMax; the state, the first character after blanks
+// (else 2); the ppid and the pgrp, each a number (else 3 or 4); 5.
+int ref_head(const std::string& s, st::StatHead* h) {
+    *h = st::StatHead{};
+    char* end = nullptr;
+    h->pid = static_cast<s32>(std::strtol(s.c_str(), &end, 10));
+    if (end == s.c_str()) return -1;
+    std::size_t p = s.find_first_not_of(kBlanks, static_cast<std::size_t>(end - s.c_str()));
+    const std::size_t close = s.rfind(')');
+    if (p == std::string::npos || s[p] != '(' || close == std::string::npos || close < p) return 1;
+    std::snprintf(h->token, sizeof h->token, "%s", s.substr(p, close - p + 1).c_str());
+    p = s.find_first_not_of(kBlanks, close + 1);
+    if (p == std::string::npos) return 2;
+    h->state = s[p];
+    int fields = 3;
+    for (s32* n : {&h->ppid, &h->pgrp}) {
+        const char* at = s.c_str() + p + (fields == 3 ? 1 : 0);
+        *n = static_cast<s32>(std::strtol(at, &end, 10));
+        if (end == at) break;
+        p = static_cast<std::size_t>(end - s.c_str());
+        ++fields;
+    }
+    return fields;
+}
+
+// The name, a field pair and the head of any text against the references.
+void against_references(const std::string& s, u32 first) {
+    const Text t = exact(s);
+    const RefLine r = ref_name(s);
+
+    char got[kName + 1];
+    const char* close = st::stat_name(t.get(), got);
+    check((close != nullptr) == r.named);
+    if (r.named) check(close - t.get() == static_cast<std::ptrdiff_t>(r.close) && got == r.name);
+
+    u32 value = 7;
+    const u32 rc = st::stat_pair(t.get(), first, got, &value);
+    std::size_t at = 0;
+    if (!r.named || !ref_field(s, r.close, first - 2, &at)) {
+        check(rc == 2 && value == 7);
+    } else {
+        char* end = nullptr;
+        const unsigned long a = std::strtoul(s.c_str() + at, &end, 10);
+        const unsigned long b = std::strtoul(end, nullptr, 10);
+        check(rc == 0 && value == static_cast<u32>(a + b));
+    }
+
+    st::StatHead head, want;
+    check(st::parse_stat_head(t.get(), &head) == ref_head(s, &want));
+    check(head.pid == want.pid && std::strcmp(head.token, want.token) == 0 && head.state == want.state &&
+          head.ppid == want.ppid && head.pgrp == want.pgrp);
+}
 
 // A line as the kernel prints /proc/PID/stat: fields 1..52, the name as is.
 void made_stat_lines(FuzzedDataProvider& in) {
@@ -115,86 +205,45 @@ void made_stat_lines(FuzzedDataProvider& in) {
     check(st::parse_stat_head(t.get(), &head) == 5);
     check(head.pid == pid && head.state == state && head.ppid == ppid && head.pgrp == pgrp);
     check(head.token == ("(" + name + ")").substr(0, kName));
-}
 
-// The reference: the name runs from the first "(" to the last ")"; field F
-// (F >= 3) starts F - 2 blank-led steps after that ")".
-struct RefLine {
-    bool named = false;
-    std::string name;
-    std::size_t close = 0;
-};
-
-RefLine ref_name(const std::string& s) {
-    RefLine r;
-    const std::size_t open = s.find('('), close = s.rfind(')');
-    if (open == std::string::npos || close == std::string::npos || close < open) return r;
-    r.named = true;
-    r.name = s.substr(open + 1, std::min(close - open - 1, kName));
-    r.close = close;
-    return r;
-}
-
-bool ref_field(const std::string& s, std::size_t from, u32 steps, std::size_t* at) {
-    std::size_t p = from;
-    for (u32 i = 0; i < steps; ++i) {
-        p = s.find(' ', p);
-        if (p == std::string::npos) return false;
-        p = s.find_first_not_of(kBlanks, p);
-        if (p == std::string::npos) p = s.size();
-    }
-    *at = p;
-    return true;
+    // The line cut anywhere, blanks of any kind after the cut.
+    std::string cut = line.substr(0, in.ConsumeIntegralInRange<std::size_t>(0, line.size()));
+    for (int n = in.ConsumeIntegralInRange(0, 3); n > 0; --n)
+        cut += kBlanks[in.ConsumeIntegralInRange(0, 3)];
+    against_references(cut, in.ConsumeIntegralInRange<u32>(2, 60));
 }
 
 void any_stat_lines(FuzzedDataProvider& in) {
     const u32 first = in.ConsumeIntegralInRange<u32>(2, 60);
-    const std::string s = no_nul(in.ConsumeRemainingBytesAsString());
-    const Text t = exact(s);
-    const RefLine r = ref_name(s);
-
-    char got[kName + 1];
-    const char* close = st::stat_name(t.get(), got);
-    check((close != nullptr) == r.named);
-    if (r.named) check(close - t.get() == static_cast<std::ptrdiff_t>(r.close) && got == r.name);
-
-    u32 value = 7;
-    const u32 rc = st::stat_pair(t.get(), first, got, &value);
-    std::size_t at = 0;
-    if (!r.named || !ref_field(s, r.close, first - 2, &at)) {
-        check(rc == 2 && value == 7);
-    } else {
-        char* end = nullptr;
-        const unsigned long a = std::strtoul(s.c_str() + at, &end, 10);
-        const unsigned long b = std::strtoul(end, nullptr, 10);
-        check(rc == 0 && value == static_cast<u32>(a + b));
-    }
-
-    // The head: what was read is consistent with the line.
-    st::StatHead head;
-    const int fields = st::parse_stat_head(t.get(), &head);
-    check(fields >= -1 && fields <= 5 && fields != 0);
-    const std::size_t len = std::strlen(head.token);
-    check(len <= kName && (len == 0 || head.token[0] == '('));
-    if (fields >= 2) check(len > 0 && s.find(head.token) != std::string::npos);
+    against_references(no_nul(in.ConsumeRemainingBytesAsString()), first);
 }
 
 // The name test, from its rule: the whole name in parentheses, or, for a
-// token of 17 characters, the first 15 characters of the name.
+// token of 17 characters, the first 15 characters of the name. And the state
+// code of any letter.
 void name_tests(FuzzedDataProvider& in) {
     std::string name = no_nul(in.ConsumeRandomLengthString(24), 'n');
     std::string token;
-    switch (in.ConsumeIntegralInRange(0, 2)) {
+    switch (in.ConsumeIntegralInRange(0, 3)) {
     case 0: // the kernel's token of this or another name
         token = ("(" + no_nul(in.ConsumeBool() ? name : in.ConsumeRandomLengthString(24), 'n')).substr(0, 16) + ")";
         break;
     case 1:
         token = ("(" + name + ")").substr(0, kName);
         break;
+    case 2: // the name's first 15 characters, then anything
+        token = "(" + name.substr(0, 15) + no_nul(in.ConsumeRandomLengthString(6), 't') + ")";
+        break;
     default:
         token = no_nul(in.ConsumeRandomLengthString(20), 't');
         break;
     }
+    const char letter = in.ConsumeIntegral<char>();
+    static constexpr char kLetters[] = "RSDTW";
+    static constexpr s32 kCodes[] = {QOSA_THREAD_STATE_RUNNING, QOSA_THREAD_STATE_SLEEPING, QOSA_THREAD_STATE_DISK_WAIT,
+                                     QOSA_THREAD_STATE_STOPPED, QOSA_THREAD_STATE_PAGING};
+    const char* known = letter != '\0' ? std::strchr(kLetters, letter) : nullptr;
+    check(st::state_code(letter) == (known != nullptr ? kCodes[known - kLetters] : QOSA_THREAD_STATE_OTHER));
     const long n = static_cast<long>(name.size()), t = static_cast<long>(token.size());
     const bool whole = t >= 2 && n == t - 2 && token.compare(1, name.size(), name) == 0;
     const bool cut = t == 17 && name.size() >= 15 && token.compare(1, 15, name, 0, 15) == 0;
@@ -221,11 +270,39 @@ void cpu_and_memory(FuzzedDataProvider& in) {
     check(st::parse_cpu_line(exact(cpu).get(), &got) == 0);
     check(got.user == want.user && got.nice == want.nice && got.system == want.system && got.idle == want.idle);
 
+    // A short line keeps the counters it does not reach; one that ends before
+    // a counter, or no "cpu " line at all, is 2 and changes nothing.
+    const int kept = in.ConsumeIntegralInRange(0, 4);
+    const bool ends = in.ConsumeBool(), named = in.ConsumeIntegralInRange(0, 7) != 0;
+    std::string line = before + (named ? "cpu " : "cpu0 ");
+    st::CpuSample shortWant = want;
+    u64* shortCounters[] = {&shortWant.user, &shortWant.nice, &shortWant.system, &shortWant.idle};
+    for (int i = 0; i < kept; ++i)
+        line += " " + std::to_string(*shortCounters[i] = in.ConsumeIntegral<u64>());
+    line += ends ? " " : "\nintr 1 2\n";
+    st::CpuSample shortGot = want;
+    const bool refused = !named || (kept == 0 && ends);
+    check(st::parse_cpu_line(exact(line).get(), &shortGot) == (refused ? 2u : 0u));
+    if (refused) shortWant = want;
+    check(std::memcmp(&shortGot, &shortWant, sizeof shortGot) == 0);
+
+    // A process's share: its 32-bit ticks differenced modulo 2^32 (gone back:
+    // 0) in the machine's ticks, capped at the whole.
+    const u32 ticksBefore = in.ConsumeIntegral<u32>();
+    const u32 ticksAfter =
+        in.ConsumeBool() ? ticksBefore + in.ConsumeIntegralInRange<u32>(0, 1000) : in.ConsumeIntegral<u32>();
+    const u64 machine = in.ConsumeBool() ? in.ConsumeIntegralInRange<u64>(0, 2000) : in.ConsumeIntegral<u64>();
+    const u32 used = ticksAfter - ticksBefore;
+    const u32 share = static_cast<s32>(used) < 0 || machine == 0 ? 0
+                      : used >= machine                          ? 10000
+                                                                 : static_cast<u32>(u128{used} * 10000 / machine);
+    check(st::process_share(ticksBefore, ticksAfter, machine) == share);
+
     st::CpuSample later = want;
     for (u64* c : {&later.user, &later.nice, &later.system, &later.idle})
         *c += in.ConsumeIntegralInRange<u64>(0, u64{1} << 60);
     if (in.ConsumeBool()) later.idle = in.ConsumeIntegralInRange<u64>(0, u64{1} << 60); // may go back
-    using u128 = unsigned __int128;
+    if (in.ConsumeIntegralInRange(0, 3) == 0) std::swap(want, later);                   // all may go back
     const u128 sumA = u128{want.user} + want.nice + want.system + want.idle;
     const u128 sumB = u128{later.user} + later.nice + later.system + later.idle;
     const u128 busyA = u128{want.user} + want.nice + want.system;
@@ -237,7 +314,7 @@ void cpu_and_memory(FuzzedDataProvider& in) {
     }
     const u32 mine = st::busy_rate(want, later);
     // Totals too large to scale exactly are divided first: one step off at most.
-    check(mine == rate || (sumB - sumA > UINT64_MAX / 10000 && mine == rate + 1));
+    check(mine == rate || (sumB > sumA && sumB - sumA > UINT64_MAX / 10000 && mine == rate + 1));
 
     const u64 total = in.ConsumeIntegral<u64>(), freeKb = in.ConsumeIntegral<u64>();
     const bool withFree = in.ConsumeIntegralInRange(0, 7) != 0;
@@ -289,7 +366,7 @@ void dates(FuzzedDataProvider& in) {
     t.tm_hour = date_field(in, {23, 24, 12});
     t.tm_mday = date_field(in, {28, 29, 30, 31, 32});
     t.tm_mon = date_field(in, {2, 4, 6, 9, 11, 12, 13});
-    t.tm_year = date_field(in, {1969, 1970, 2000, 2023, 2024, 2100, 2400, 1904, 2038, 9999});
+    t.tm_year = date_field(in, {1969, 1970, 2000, 2023, 2024, 2100, 2400, 1904, 2038, 9999, 1800, 2200, 2600});
     const bool valid = ZAL_IsSysTimeValid(&t) == 1;
     check(valid == ref_valid(t));
 
@@ -314,6 +391,48 @@ void dates(FuzzedDataProvider& in) {
                       back.tm_min == asked.tm_min && back.tm_hour == asked.tm_hour && back.tm_mday == asked.tm_mday &&
                       back.tm_mon == asked.tm_mon && back.tm_year == asked.tm_year;
     check(valid == kept);
+}
+
+// ---- clock readings ------------------------------------------------------------
+
+// Wall-clock milliseconds (0 before 1970; the seconds keep their low 32 bits),
+// run-time milliseconds modulo 2^32, the UTC breakdown against gmtime_r, and
+// a date-time record as the platform's: every field, month and year moved.
+void readings(FuzzedDataProvider& in) {
+    timeval tv{};
+    tv.tv_sec = in.ConsumeBool() ? in.ConsumeIntegral<s64>() : in.ConsumeIntegralInRange<s64>(-2, s64{1} << 34);
+    tv.tv_usec = in.ConsumeIntegralInRange<long>(-2, 999999);
+    const u64 wall = tv.tv_sec < 0 || tv.tv_usec < 0
+                         ? 0
+                         : u64{static_cast<u32>(tv.tv_sec)} * 1000 + static_cast<u64>(tv.tv_usec) / 1000;
+    check(qosa::time::wall_ms(tv) == wall);
+    const timespec ts{in.ConsumeIntegralInRange<time_t>(0, s64{1} << 40),
+                      in.ConsumeIntegralInRange<long>(0, 999999999)};
+    check(qosa::time::run_ms(ts) == static_cast<u32>(static_cast<u64>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000));
+
+    QOSA_TimeEx ex{};
+    struct tm utc {};
+    const time_t sec = tv.tv_sec;
+    const bool broken = gmtime_r(&sec, &utc) != nullptr;
+    check(qosa::time::to_time_ex(tv, &ex) == broken);
+    if (broken && tv.tv_usec >= 0)
+        check(ex.ms == static_cast<u32>(tv.tv_usec / 1000) && ex.tm_sec == utc.tm_sec && ex.tm_min == utc.tm_min &&
+              ex.tm_hour == utc.tm_hour && ex.tm_mday == utc.tm_mday && ex.tm_mon == utc.tm_mon &&
+              ex.tm_year == utc.tm_year);
+
+    QOSA_SysTime t{};
+    for (s32* f :
+         {&t.tm_sec, &t.tm_min, &t.tm_hour, &t.tm_mday, &t.tm_mon, &t.tm_year, &t.tm_wday, &t.tm_yday, &t.tm_isdst})
+        *f = in.ConsumeIntegralInRange<s32>(INT_MIN + 1900, INT_MAX);
+    t.tm_gmtoff = in.ConsumeIntegral<long>();
+    t.tm_zone = "ZONE";
+    struct tm out;
+    std::memset(&out, 0x5A, sizeof out);
+    qosa::time::to_platform_tm(t, out);
+    check(out.tm_sec == t.tm_sec && out.tm_min == t.tm_min && out.tm_hour == t.tm_hour && out.tm_mday == t.tm_mday &&
+          out.tm_mon == t.tm_mon - 1 && out.tm_year == t.tm_year - 1900 && out.tm_wday == t.tm_wday &&
+          out.tm_yday == t.tm_yday && out.tm_isdst == t.tm_isdst && out.tm_gmtoff == t.tm_gmtoff &&
+          out.tm_zone == t.tm_zone);
 }
 
 // ---- version sort --------------------------------------------------------------
@@ -465,8 +584,8 @@ void port_tables(FuzzedDataProvider& in) {
             continue;
         }
         const bool v6 = in.ConsumeBool();
-        const u32 localPort = in.ConsumeIntegralInRange(0, 7) == 0 ? in.ConsumeIntegralInRange<u32>(0, 0xFFFFF)
-                                                                   : in.ConsumeIntegral<u16>();
+        const u32 localPorts[] = {port, port, 0, in.ConsumeIntegralInRange<u32>(0, 0xFFFFF), in.ConsumeIntegral<u16>()};
+        const u32 localPort = in.PickValueInArray(localPorts);
         const u32 st = in.ConsumeIntegralInRange<u32>(0, in.ConsumeBool() ? 0xFF : 0xFFFFFFFF);
         auto addr = [&] {
             return hex(in.ConsumeIntegral<u64>(), 16).substr(0, 8) +
@@ -477,7 +596,7 @@ void port_tables(FuzzedDataProvider& in) {
             ": " + addr(),
             ":" + hex(localPort, 4),
             " " + addr(),
-            ":" + hex(in.ConsumeIntegral<u16>(), 4),
+            ":" + hex(in.ConsumeBool() ? port : in.ConsumeIntegral<u16>(), 4), // the remote port never counts
             " " + hex(st, 2),
             " " + hex(in.ConsumeIntegral<u32>(), 8),
             ":" + hex(in.ConsumeIntegral<u32>(), 8),
@@ -499,18 +618,19 @@ void port_tables(FuzzedDataProvider& in) {
     }
     const int fd = memfd_create("qosa-fuzz-table", 0);
     check(fd >= 0 && write(fd, table.data(), table.size()) == static_cast<ssize_t>(table.size()));
-    const std::string path = "/proc/self/fd/" + std::to_string(fd);
+    const bool missing = in.ConsumeIntegralInRange(0, 15) == 0; // no such table
+    const std::string path = missing ? "/proc/self/fd/-1" : "/proc/self/fd/" + std::to_string(fd);
     u32 state = 0xABCD;
     const s32 rc = qosaGet_Port_State(path.c_str(), port, &state);
     close(fd);
-    check(found ? rc == 0 && state == want : rc == -1 && state == 0xABCD);
+    check(found && !missing ? rc == 0 && state == want : rc == -1 && state == 0xABCD);
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     FuzzedDataProvider in(data, size);
-    switch (in.ConsumeIntegralInRange(0, 7)) {
+    switch (in.ConsumeIntegralInRange(0, 8)) {
     case 0:
         made_stat_lines(in);
         break;
@@ -531,6 +651,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         break;
     case 6:
         paths(in);
+        break;
+    case 7:
+        readings(in);
         break;
     default:
         port_tables(in);

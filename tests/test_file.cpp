@@ -1,5 +1,6 @@
 // Files and directories: 32-bit sizes, the status record, recursive directory
-// creation, path resolution, file copy and listings.
+// creation, file copy and listings. (Path resolution against realpath and the
+// version sort against versionsort are properties of fuzz/fuzz_parsers.cpp.)
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -89,19 +90,6 @@ TEST(QOSA_MkDir_P, CreatesEveryLevelWhateverTheSeparators) {
     ASSERT_EQ(QOSA_ChDir(old), 0);
     EXPECT_EQ(QOSA_MkDir_P((dir.path + "//d1///d2/").c_str(), 0700), 0);
     EXPECT_EQ(fs::status(dir / "d1/d2").permissions(), fs::perms::owner_all);
-}
-
-TEST(QOSA_RelPath, ResolvesAndNeedsRoomForTheTerminator) {
-    TempDir dir;
-    ASSERT_EQ(QOSA_MkDir_P((dir / "real/sub").c_str(), 0755), 0);
-    fs::create_directory_symlink(dir / "real", dir / "link");
-    const std::string input = dir / "link/sub/../sub/.", expect = fs::canonical(dir / "real/sub");
-    const s32 len = static_cast<s32>(expect.size());
-    char out[PATH_MAX + 8];
-    EXPECT_TRUE(QOSA_RelPath(input.c_str(), out, len + 1) == 0 && out == expect) << out;
-    for (s32 small : {len, -1})
-        EXPECT_EQ(QOSA_RelPath(input.c_str(), out, small), 1) << small;
-    EXPECT_EQ(QOSA_RelPath((dir / "missing").c_str(), out, sizeof out), 1);
 }
 
 TEST(QOSA_CopyFile, CopiesWholeFilesAndReportsEveryFailure) {

@@ -120,22 +120,6 @@ TEST(QOSA_PortStat, ListenersFoundInBothTablesUntilClosed) {
     EXPECT_EQ(QOSA_PortStat(tcp6.port, QOSA_PORT_TCP) + QOSA_PortStat(udp6.port, QOSA_PORT_UDP), 2) << "IPv6 table";
 }
 
-TEST(qosaGet_Port_State, OnlyWellFormedLinesAfterTheHeaderMatch) {
-    const std::string path = "/tmp/qosa-port-table-" + std::to_string(getpid()),
-                      tail = " 00000000:00000000 00:00000000 00000000  1000 0 4242 1 0000000000000000 100 0 0 10 0\n";
-    std::ofstream(path) << "   0: 0100007F:1F90 00000000:0000 0A" + tail +     // header place: skipped
-                               "   1: 0100007F:1F91 00000000:0000 0A\n" +      // too short
-                               "   2: 0100007F:1F93 0100007F:1F92 01" + tail + // 1F92 is the remote port
-                               "   3: 0100007F:1F90 00000000:0000 06" + tail;
-    u32 state = 99;
-    EXPECT_TRUE(qosaGet_Port_State(path.c_str(), 0x1F90, &state) == 0 && state == 6) << state;
-    EXPECT_TRUE(qosaGet_Port_State(path.c_str(), 0x1F93, &state) == 0 && state == 1) << state;
-    for (u16 absent : {0x1F91, 0x1F92, 0}) // an unparsed line is never port 0
-        EXPECT_EQ(qosaGet_Port_State(path.c_str(), absent, &state), -1) << absent;
-    unlink(path.c_str());
-    EXPECT_EQ(qosaGet_Port_State(path.c_str(), 0x1F90, &state), -1);
-}
-
 TEST(orv_set_socketport_no_inherit, MarkedSocketIsClosedInAnExecutedProgram) {
     const s32 fd = QOSA_Socket(AF_INET, SOCK_STREAM, 0);
     ASSERT_TRUE(open_after_exec(fd)) << "the check itself must see an inherited descriptor";

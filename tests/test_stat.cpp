@@ -1,5 +1,6 @@
-// Statistics from /proc: the text steps on hand-written lines, then the scans
-// against /proc, with this process under a 15-character name of its own.
+// Statistics from /proc: the scans against /proc, with this process under a
+// 15-character name of its own. (The text steps under them, stat lines, the
+// cpu line, meminfo and the shares, are properties of fuzz/fuzz_parsers.cpp.)
 #include <gtest/gtest.h>
 
 #include <signal.h>
@@ -64,73 +65,6 @@ std::vector<QOSA_OS_THREAD_INFO_S> threads_of(const std::string& name, u32 resul
 }
 
 } // namespace
-
-TEST(StatText, StatLinesNamesAndStates) {
-    StatHead h;
-    for (std::string name : {"bash", "Web Content", "a) (b", "x)", "", "  two  blanks ", "name-of-twenty-chars"}) {
-        std::string line = "7 (" + name + ") S"; // field k holds 10 * k
-        for (int k = 4; k <= 24; ++k)
-            line += ' ' + std::to_string(10 * k);
-        const std::string kept = name.substr(0, kNameMax);
-        char got[kNameMax + 1];
-        u32 v14 = 0, v23 = 0;
-        EXPECT_TRUE(stat_pair(line.c_str(), 14, got, &v14) == 0 && v14 == 290 && got == kept) << name << ": " << got;
-        EXPECT_TRUE(stat_pair(line.c_str(), 23, got, &v23) == 0 && v23 == 470) << name << ": " << v23;
-        EXPECT_TRUE(parse_stat_head(line.c_str(), &h) == 5 && h.state == 'S' && h.ppid == 40 && h.pgrp == 50) << name;
-        EXPECT_EQ(h.token, ("(" + kept + ")").substr(0, kNameMax));
-    }
-    char name[kNameMax + 1];
-    u32 v = 77;
-    for (const char* cut : {"7 (no close S 1 2 3", "7 ) wrong order ( 1 2", "7 (short) S 1 2 3"})
-        EXPECT_TRUE(stat_pair(cut, 14, name, &v) == 2 && v == 77) << cut;
-    EXPECT_TRUE(stat_pair("7 (w) S\t 1 \r\n 2  3", 4, name, &v) == 0 && v == 3) << "blanks of every kind";
-    EXPECT_TRUE(stat_pair("7 (big) R 4294967296 5", 4, name, &v) == 0 && v == 5) << "the sum keeps its low 32 bits";
-    // Lines cut anywhere: the fields read so far.
-    const std::pair<const char*, int> heads[] = {{"(a) S 1 2", -1}, {"7 a) S 1 2", 1}, {"7 (a S 1 2", 1},
-                                                 {"7 (a) \n", 2},   {"7 (a) S x", 3},  {"7 (a) S 1", 4}};
-    for (auto [line, fields] : heads)
-        EXPECT_EQ(parse_stat_head(line, &h), fields) << line;
-
-    EXPECT_TRUE(name_matches("bash", "(bash)") && name_matches("abcdefghijklmnoPQRST", "(abcdefghijklmno)"));
-    EXPECT_FALSE(name_matches("bashx", "(bash)") || name_matches("abcdefghijklmnXPQRS", "(abcdefghijklmno)"));
-    EXPECT_FALSE(name_matches("abcdefghijklmnoP", "(abcdefghijklmn)")) << "a 14-character name was not cut";
-    EXPECT_FALSE(name_matches("", "(") || name_matches("", "")) << "no token";
-    std::string codes;
-    for (char letter : std::string("RSDTWZXIt"))
-        codes += std::to_string(state_code(letter));
-    EXPECT_EQ(codes, "012453333");
-}
-
-TEST(StatText, CpuLineRatesAndMeminfo) {
-    CpuSample a{}, b{}, c{};
-    ASSERT_EQ(parse_cpu_line("intr 1\ncpu  100 0 50 850 3 0 0\ncpu0 1 2 3 4\n", &a) +
-                  parse_cpu_line("cpu  160 0 70 870 9\n", &b),
-              0u);
-    EXPECT_EQ(busy_rate(a, b), 8000u);
-    EXPECT_EQ(busy_rate(a, a), 0u) << "no tick between the samples";
-    EXPECT_TRUE(parse_cpu_line("cpu 7\n", &c) == 0 && c.user == 7 && c.idle == 0) << "a short line keeps the rest";
-    EXPECT_EQ(parse_cpu_line("cpu0 1 2 3 4\n", &c) + parse_cpu_line("cpu ", &c), 4u);
-    // Counters past 2^32 on both sides of the interval.
-    ASSERT_EQ(parse_cpu_line("cpu 4294967290 0 4294967290 8589934592", &a) +
-                  parse_cpu_line("cpu 4294967340 0 4294967290 8589934742", &b),
-              0u);
-    EXPECT_EQ(busy_rate(a, b), 2500u);
-    b.idle = a.idle - 10; // idle went back: still a rate
-    EXPECT_EQ(busy_rate(a, b), 10000u);
-    EXPECT_EQ(busy_rate({}, {u64{1} << 61, 0, 0, u64{1} << 61}), 5000u) << "totals too large to scale first";
-    EXPECT_EQ(busy_rate(b, a), 0u) << "counters that went back";
-
-    // 32-bit tick counters wrap; ticks that went back; capped; no ticks of the machine.
-    const u32 shares[][4] = {{0xFFFFFFF0u, 0x10u, 64, 5000}, {150, 100, 200, 0}, {0, 300, 200, 10000}, {0, 300, 0, 0}};
-    for (const auto& [before, after, machine, share] : shares)
-        EXPECT_EQ(process_share(before, after, machine), share) << before << " " << after << " " << machine;
-
-    u32 total = 0, free = 0;
-    EXPECT_EQ(parse_meminfo("MemTotal:       16318712 kB\nMemFree:          123456 kB\n", &total, &free), 0u);
-    EXPECT_TRUE(total == 16318712 && free == 123456) << total << " " << free;
-    EXPECT_EQ(parse_meminfo("MemTotal:  99999999999 kB\nFree: 1\n", &total, &free), 2u);
-    EXPECT_EQ(total, 0xFFFFFFFFu) << "saturated, and set before MemFree is looked for";
-}
 
 TEST(QOSA_OS_GetCPUBusyRate, MachineAndThisProcessWithTwoThreadsSpinning) {
     std::jthread spin1(spin), spin2(spin);

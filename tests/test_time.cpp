@@ -1,5 +1,7 @@
 // Time and clocks against the C library's calendar and the kernel's clocks. Nothing here may set
-// the clock: the setting calls run in a child that has given up the privilege to set it.
+// the clock: the setting calls run in a child that has given up the privilege to set it. (The
+// date-time validity rule and the arithmetic of the readings are properties of
+// fuzz/fuzz_parsers.cpp.)
 #include <gtest/gtest.h>
 
 #include <linux/capability.h>
@@ -10,7 +12,6 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
-#include <cstring>
 
 #include "internal/time.h"
 #include "qosa_time.h"
@@ -30,44 +31,11 @@ u64 ex_ms(const QOSA_TimeEx& ex) { // back to milliseconds since 1970
 }
 } // namespace
 
-TEST(ZAL_IsSysTimeValid, CalendarWildcardsAndTimeOfDay) {
-    for (s32 year : {1900, 1970, 2000, 2023, 2024, 2100})
-        for (s32 mon = 1; mon <= 12; ++mon) {
-            u32 days = 0;
-            for (s32 mday = 0; mday <= 32; ++mday) { // a day exists when the calendar keeps it as it is
-                std::tm tm{0, 0, 0, mday, mon - 1, year - 1900, 0, 0, 0, 0, nullptr};
-                timegm(&tm);
-                const bool exists = tm.tm_mday == mday && tm.tm_mon == mon - 1;
-                days += exists;
-                QOSA_SysTime t = at(year, mon, mday, 23, 59, 59);
-                EXPECT_EQ(ZAL_IsSysTimeValid(&t), exists && year >= 1970 ? 1u : 0u)
-                    << year << '-' << mon << '-' << mday;
-            }
-            EXPECT_EQ(Max_date(year, u32(mon)), days) << year << '-' << mon;
-        }
-    EXPECT_TRUE(Max_date(-1, 2) == 29 && Max_date(2023, 0) == 31 && Max_date(2023, 13) == 31 &&
-                Max_date(2023, 0xFFFFFFFFu) == 31);
-
-    // year, month, day, hour, minute, second: valid
-    const s32 rows[][7] = {{-1, 2, 29, 0, 0, 0, 1},    {-1, 2, 30, 0, 0, 0, 0},     {2024, 4, -1, 0, 0, 0, 1},
-                           {2024, -1, 31, 0, 0, 0, 1}, {-1, -1, -1, -1, -1, -1, 1}, {-2, 1, 1, 0, 0, 0, 0},
-                           {2024, 1, -2, 0, 0, 0, 0},  {2024, 1, 1, 24, 0, 0, 0},   {2024, 1, 1, 0, 60, 0, 0},
-                           {2024, 1, 1, 0, 0, 60, 0},  {2024, 1, 1, -2, 0, 0, 0},   {2024, 1, 1, 0, -2, 0, 0},
-                           {2024, 1, 1, 0, 0, -2, 0},  {2024, 13, 1, 0, 0, 0, 0}};
-    for (const auto& r : rows) {
-        QOSA_SysTime t = at(r[0], r[1], r[2], r[3], r[4], r[5]);
-        EXPECT_EQ(ZAL_IsSysTimeValid(&t), u32(r[6])) << "row " << &r - rows;
-    }
-}
-
 TEST(QOSA_GetSysRunTime, RunTimeAndWallClock) {
     timespec ts{};
     clock_gettime(CLOCK_BOOTTIME, &ts);
     EXPECT_LE(QOSA_GetSysRunTime() - qosa::time::run_ms(ts), 50u) << "milliseconds of the boot clock";
     EXPECT_LE(QOSA_GetSysRunTimeSec() - u32(ts.tv_sec), 1u);
-    // Past 2^32 ms the run time starts again from 0; differences still come out right.
-    EXPECT_TRUE(qosa::time::run_ms({4294967, 296000000}) == 0 && qosa::time::run_ms({4294968, 4000000}) == 708);
-    EXPECT_EQ(u32(708u - qosa::time::run_ms({4294967, 200000000})), 804u);
     u32 run0 = QOSA_GetSysRunTime();
     u64 wall0 = now_ms();
     usleep(1000000);
@@ -84,12 +52,6 @@ TEST(QOSA_GetSysRunTime, RunTimeAndWallClock) {
     auto within = [&](u64 v, u64 unit) { return v >= before / unit && v <= after / unit; };
     EXPECT_TRUE(within(ms, 1) && within(ex_ms(ex), 1) && ex.ms < 1000) << before << " " << ms << " " << ex_ms(ex);
     EXPECT_TRUE(within(wsec, 1000) && within(u64(timegm(&utc)), 1000));
-    // Before 1970 the wall clock reads 0; seconds keep their low 32 bits.
-    EXPECT_TRUE(qosa::time::wall_ms({-1, 999999}) == 0 && qosa::time::wall_ms({5, -1}) == 0);
-    EXPECT_EQ(qosa::time::wall_ms({(1LL << 32) + 5, 678999}), 5678u);
-    ASSERT_TRUE(qosa::time::to_time_ex({1709642096, 789999}, &ex)); // 2024-03-05 12:34:56.789 UTC
-    EXPECT_EQ(ex_ms(ex), 1709642096789u);
-    EXPECT_FALSE(qosa::time::to_time_ex({LLONG_MAX, 0}, &ex)) << "no year for it";
 }
 
 TEST(QOSA_LocalTime_S, ErrorResultsAndThePlatformRecord) {
@@ -105,15 +67,6 @@ TEST(QOSA_LocalTime_S, ErrorResultsAndThePlatformRecord) {
     struct timezone tz {};
     gettimeofday(&tv, &tz);
     EXPECT_EQ(QOSA_GetTimezone(), tz.tz_minuteswest);
-
-    // Every field is copied; month and year move to the platform's origin.
-    QOSA_SysTime s{56, 34, 12, 5, 3, 2024, 2, 64, 1, 3600, "XYZ"};
-    std::memset(&tm, 0x5A, sizeof tm);
-    qosa::time::to_platform_tm(s, tm);
-    EXPECT_TRUE(tm.tm_year == 124 && tm.tm_mon == 2) << tm.tm_year << ' ' << tm.tm_mon;
-    tm.tm_year = 2024;
-    tm.tm_mon = 3;
-    EXPECT_EQ(std::memcmp(&tm, &s, sizeof tm), 0);
 }
 
 TEST(QOSA_SetSysTime, RefusalsLeaveTheClockAlone) {
