@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <utility>
 
 using fault::Kind;
 
@@ -60,15 +61,12 @@ const auto s_create = reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEX
 const auto s_memalign = reinterpret_cast<decltype(&posix_memalign)>(dlsym(RTLD_NEXT, "posix_memalign"));
 const auto s_mprotect = reinterpret_cast<decltype(&mprotect)>(dlsym(RTLD_NEXT, "mprotect"));
 
-struct Start {
-    void* (*routine)(void*);
-    void* arg;
-};
+using Start = std::pair<void* (*)(void*), void*>; // a thread's start routine and its argument
 void* start_ours(void* p) {
-    const Start s = *static_cast<Start*>(p);
+    const auto [routine, arg] = *static_cast<Start*>(p);
     __libc_free(p);
     t_ours = true;
-    return s.routine(s.arg);
+    return routine(arg);
 }
 
 } // namespace

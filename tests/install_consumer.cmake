@@ -57,8 +57,7 @@ run(${CC} -std=c11 -Wall -Werror ${SRC}/../c_abi.c ${flags} -o ${WORK}/consumer_
 set(ENV{LD_LIBRARY_PATH} ${prefix}/${LIBDIR})
 run(${EMULATOR} ${WORK}/consumer_pc)
 
-set(cross "") # a cross build also searches the scratch root for packages
-if(TOOLCHAIN)
+if(TOOLCHAIN) # a cross build also searches the scratch root for packages
   set(cross -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN} -DCMAKE_FIND_ROOT_PATH=${prefix})
 endif()
 run(${CMAKE_COMMAND} -S ${SRC} -B ${WORK}/build -DCMAKE_PREFIX_PATH=${prefix} ${cross})

@@ -1,9 +1,7 @@
-// What the tests share. How the test build is instrumented (set by the build):
-// which sanitizer it runs under, for the few checks that a sanitizer itself
-// reports as an error (destroying a locked mutex, a deliberate fault); whether
-// the tests run under a user-mode emulator (the cross build's qemu-user), for
-// the few checks of what the emulator fakes or forwards differently. How a
-// forked child ends; elapsed time; a file's contents.
+// What the tests share. What the build runs them under: a sanitizer, for the few checks that a sanitizer itself
+// reports as an error (destroying a locked mutex, a deliberate fault); the cross build's user-mode emulator
+// (qemu-user), for the few checks of what it fakes or forwards differently. How a forked child ends; elapsed
+// time; a file's contents.
 #pragma once
 
 #include <sys/prctl.h>
