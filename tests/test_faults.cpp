@@ -22,7 +22,6 @@
 #include <ctime>
 #include <filesystem>
 #include <functional>
-#include <map>
 
 #include "fault_inject.h"
 #include "internal/mem_table.h"
@@ -123,22 +122,16 @@ int sink(char*, u32) { return 0; }
 void* rel_timer(Ctx& c) { return c.h = QOSA_CreateRelTimerM(hit, QOSA_TIMER_LOOP, __LINE__, __FILE__); }
 void* abs_timer(Ctx& c, u32 mode = QOSA_TIMER_LOOP) { return c.h = QOSA_CreateAbsTimerM(hit, mode); }
 bool restart(Ctx& c) { return c.dones = 0, QOSA_StartRelTimer(c.h, 100000, &c) == 0; }
-// A call that returned 0 must have its effect (kWrong when it does not come).
-R then(u32 r, auto effect) { return r != 0 || eventually(effect) ? r : kWrong; }
-// A start that fires `times` times (and the timer is then released when `count` is given).
-R fires(Ctx& c, u32 r, int times, s32* count = nullptr) {
-    return then(r, [&] { return c.hits >= times && (count == nullptr || live(*count) == 0); });
-}
-R stopped(Ctx& c, u32 r) {
-    return then(r, [&c] { return c.dones == 1; });
+// A call that returned 0 must have its effect: the callback counted in `n` runs `times` times (and the timer is
+// then released when `count` is given); kWrong when it does not come.
+R then(u32 r, const std::atomic<int>& n, int times, s32* count = nullptr) {
+    return r != 0 || eventually([&] { return n >= times && (count == nullptr || live(*count) == 0); }) ? r : kWrong;
 }
 u32 service() { return QOSA_StartTimerTask(nullptr, nullptr); }
 u32 group(Ctx& c) { return QOSA_InitReltimerGrp(&c.grp, 2, grp_hit); }
 bool member_runs(Ctx& c, u32 m) { return QOSA_StartRelTimerofGrp(c.grp, m, 100000, 7, 0) == 0; }
 bool full_group(Ctx& c) { return group(c) == 0 && member_runs(c, 0) && member_runs(c, 1); }
-R member_fires(Ctx& c) {
-    return s_grpHits = 0, then(QOSA_StartRelTimerofGrp(c.grp, 0, 10, 7, 0), [] { return s_grpHits >= 4; });
-}
+R member_fires(Ctx& c) { return s_grpHits = 0, then(QOSA_StartRelTimerofGrp(c.grp, 0, 10, 7, 0), s_grpHits, 4); }
 
 u32 new_queue(Ctx& c) { return ORV_QueueCreate("q", 4, &c.id, 0, 16); }
 void write_hello(Ctx& c) { ORV_QueueWrite(c.id, "hello", 5, 0); }
@@ -147,8 +140,7 @@ bool holds_hello(Ctx& c) { return std::memcmp(c.buf, "hello", 5) == 0; }
 
 void put_file(const char* path, const char* text) { std::ofstream(path) << text; }
 void tracked_free(void* p) { QOSA_MemTypeFreeD(p, QOSA_MEM_DYN, __LINE__, __FILE__); }
-void* block() { return QOSA_MemTypeMallocD(64, QOSA_MEM_DYN, __LINE__, __FILE__); }
-void* tracked(u32 size) { return MemAllocMem(__FILE__, __LINE__, size, 0); }
+void* block(u32 size = 64) { return QOSA_MemTypeMallocD(size, QOSA_MEM_DYN, __LINE__, __FILE__); }
 // A TCP port listened on (by a socket bound on listen).
 u32 listener() {
     const int s = socket(AF_INET, SOCK_STREAM, 0);
@@ -198,25 +190,25 @@ const std::vector<Row>& rows() {
         {"QOSA_CreateRelTimerM", CALL(rel_timer(c)), F(0), DO(QOSA_FreeRelTimer(c.h), QOSA_StopTimerTask()), nullptr,
          nullptr, Threads},
         // A periodic timer keeps firing.
-        {"QOSA_StartRelTimer", CALL(fires(c, QOSA_StartRelTimer(c.h, 10, &c), 4)), F(ENOMEM),
-         DO(stopped(c, QOSA_StopRelTimer_Safe(c.h, done, &c)), c.hits = c.dones = 0), SETUP(rel_timer(c))},
-        {"QOSA_StopRelTimer_Safe", CALL(stopped(c, QOSA_StopRelTimer_Safe(c.h, done, &c))), F(ENOMEM), DO(restart(c)),
-         SETUP(rel_timer(c), restart(c))},
-        {"QOSA_StopRelTimer_SafeEx", CALL(stopped(c, QOSA_StopRelTimer_SafeEx(c.h, done, &c, &c.out))), F(ENOMEM),
+        {"QOSA_StartRelTimer", CALL(then(QOSA_StartRelTimer(c.h, 10, &c), c.hits, 4)), F(ENOMEM),
+         DO(then(QOSA_StopRelTimer_Safe(c.h, done, &c), c.dones, 1), c.hits = c.dones = 0), SETUP(rel_timer(c))},
+        {"QOSA_StopRelTimer_Safe", CALL(then(QOSA_StopRelTimer_Safe(c.h, done, &c), c.dones, 1)), F(ENOMEM),
+         DO(restart(c)), SETUP(rel_timer(c), restart(c))},
+        {"QOSA_StopRelTimer_SafeEx", CALL(then(QOSA_StopRelTimer_SafeEx(c.h, done, &c, &c.out), c.dones, 1)), F(ENOMEM),
          DO(restart(c)), SETUP(rel_timer(c), restart(c))},
         {"QOSA_FreeRelTimer", CALL(QOSA_FreeRelTimer(c.h)), F(ENOMEM), DO(r == 0 && rel_timer(c) && restart(c)),
          SETUP(rel_timer(c), restart(c))},
         {"QOSA_FreeRelTimerArg_safe", CALL(QOSA_FreeRelTimerArg_safe(c.h)), F(ENOMEM), DO(if (r == 0) c.h = block()),
          SETUP(service(), c.h = block())},
         // Fires once, then is released and no longer counted.
-        {"QOSA_StartRelTimer_Simple", CALL(fires(c, QOSA_StartRelTimer_Simple(10, hit, &c), 1, &g_reltmNum)), F(ENOMEM),
-         DO(c.hits = 0), SETUP(service())},
+        {"QOSA_StartRelTimer_Simple", CALL(then(QOSA_StartRelTimer_Simple(10, hit, &c), c.hits, 1, &g_reltmNum)),
+         F(ENOMEM), DO(c.hits = 0), SETUP(service())},
         {"QOSA_CreateAbsTimerM", CALL(abs_timer(c)), F(0), DO(QOSA_FreeAbsTimer(c.h), QOSA_StopTimerTask()), nullptr,
          nullptr, Threads},
         // A QOSA_TIMER_ONCE_FREE timer fires once, then is released and no longer counted.
-        {"QOSA_StartAbsTimer", CALL(fires(c, QOSA_StartAbsTimer(c.h, &kEverySecond, &c), 1, &g_abstmNum)), F(ENOMEM),
-         DO(c.hits = 0, r == 0 && abs_timer(c, QOSA_TIMER_ONCE_FREE)), SETUP(abs_timer(c, QOSA_TIMER_ONCE_FREE)),
-         nullptr, NoWarm},
+        {"QOSA_StartAbsTimer", CALL(then(QOSA_StartAbsTimer(c.h, &kEverySecond, &c), c.hits, 1, &g_abstmNum)),
+         F(ENOMEM), DO(c.hits = 0, r == 0 && abs_timer(c, QOSA_TIMER_ONCE_FREE)),
+         SETUP(abs_timer(c, QOSA_TIMER_ONCE_FREE)), nullptr, NoWarm},
         {"QOSA_StopAbsTimer_Safe", CALL(QOSA_StopAbsTimer_Safe(c.h, done, &c)), F(ENOMEM), nullptr, SETUP(abs_timer(c)),
          nullptr, NoWarm},
         {"QOSA_FreeAbsTimer", CALL(QOSA_FreeAbsTimer(c.h)), F(ENOMEM), DO(r == 0 && abs_timer(c)), SETUP(abs_timer(c)),
@@ -252,8 +244,8 @@ const std::vector<Row>& rows() {
         // When the block cannot grow, the old one stays as it was.
         {"MemReAllocMem", CALL(MemReAllocMem(__FILE__, __LINE__, c.h, 64)), F(0),
          DO(c.h = r != 0 ? ptr(r) : c.h; std::memcmp(c.h, "abcd", 4) && (complain("the old block changed"), 0)),
-         SETUP(c.h = std::memcpy(tracked(4), "abcd", 4)), IS(std::memcmp(ptr(r), "abcd", 4) == 0), TrackedOnly},
-        {"QOSA_MemGetMemRec", CALL(QOSA_MemGetMemRec(0, 1, nullptr, sink)), F(), nullptr, SETUP(c.h = tracked(4)),
+         SETUP(c.h = std::memcpy(block(4), "abcd", 4)), IS(std::memcmp(ptr(r), "abcd", 4) == 0), TrackedOnly},
+        {"QOSA_MemGetMemRec", CALL(QOSA_MemGetMemRec(0, 1, nullptr, sink)), F(), nullptr, SETUP(c.h = block(4)),
          nullptr, TrackedOnly},
         {"QOSA_MemGetMemScan", CALL(QOSA_MemGetMemScan(sink)), F(1), nullptr,
          SETUP(sysMemLogMemErr(nullptr, 1, "x.c", 1, 0, QOSA_MEM_NO_MEM)), nullptr, TrackedOnly},
@@ -300,8 +292,7 @@ const std::vector<Row>& rows() {
 
 // What may be left behind, on fixed storage: taking it leaves nothing allocated.
 struct State {
-    long blocks = 0;
-    u32 tracked = 0;
+    long blocks = 0, tracked = 0;
     s32 rel = 0, abs = 0;
     int tasks = 0, nfds = 0, fds[64] = {};
     bool operator==(const State&) const = default;
@@ -333,7 +324,7 @@ u32 errors(u32 from, bool allocFailed) {
 void settle(const State& want, const char* when) {
     State s;
     if (eventually([&] { return (s = now()) == want; })) return;
-    complain("%s: left behind: blocks %ld -> %ld, tracked %u -> %u, threads %d -> %d, relative timers %d -> %d, "
+    complain("%s: left behind: blocks %ld -> %ld, tracked %ld -> %ld, threads %d -> %d, relative timers %d -> %d, "
              "absolute timers %d -> %d, descriptors %d -> %d",
              when, want.blocks, s.blocks, want.tracked, s.tracked, want.tasks, s.tasks, want.rel, s.rel, want.abs,
              s.abs, want.nfds, s.nfds);
@@ -407,9 +398,10 @@ bool sampled(long k, long n) { return k <= 64 || k > n - 24 || (k - 64) % ((n - 
 
 class Faults : public ::testing::TestWithParam<Row> {};
 
-// A row's cases, and what their child processes found, in memory they share: at most 2 x (1 + 100 + 17 + 2).
-Case* const s_cases =
-    static_cast<Case*>(mmap(nullptr, 256 * sizeof(Case), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+// A row's cases, and what their child processes found, in memory they share.
+constexpr int kMaxCases = 256; // 2 x (1 count + 100 sampled + 17 short of descriptors + 2)
+Case* const s_cases = static_cast<Case*>(
+    mmap(nullptr, kMaxCases * sizeof(Case), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
 
 // Runs the cases of a row in child processes, six at a time. A case may ask for more: a dry run for each k of the
 // allocations it counted, a run short of descriptors for one more.
@@ -423,19 +415,17 @@ TEST_P(Faults, Sweep) {
         if (row.flags & Threads) s_cases[n++] = {tracked, Thread, 1};
         if (tracked) s_cases[n++] = {tracked, Maps, 1};
     }
-    std::map<pid_t, const Case*> kids;
-    while (next < n || !kids.empty()) {
-        for (; next < n && kids.size() < 6; ++next) {
+    pid_t pids[kMaxCases] = {};
+    for (int running = 0; next < n || running > 0; --running) {
+        for (; next < n && running < 6; ++next, ++running) {
             std::fflush(nullptr);
-            const pid_t pid = fork();
-            if (pid == 0) child(row, s_cases[next]);
-            kids[pid] = &s_cases[next];
+            if ((pids[next] = fork()) == 0) child(row, s_cases[next]);
+            ASSERT_GT(pids[next], 0) << row.name << ": fork failed";
         }
         int status = 0;
-        const auto kid = kids.find(wait(&status));
-        ASSERT_TRUE(kid != kids.end()) << row.name << ": no child to wait for";
-        const Case& cs = *kid->second;
-        kids.erase(kid);
+        const long at = std::find(pids, pids + next, wait(&status)) - pids;
+        ASSERT_LT(at, next) << row.name << ": no child to wait for";
+        const Case& cs = s_cases[at];
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
             << describe(row, cs) << (WIFSIGNALED(status) ? std::string(": ") + strsignal(WTERMSIG(status)) : "");
         EXPECT_TRUE(cs.fault != Thread || cs.struck) << row.name << " creates no thread";
