@@ -44,7 +44,7 @@ T* ptr(R r) {
 
 // What a row's functions share in one child.
 struct Ctx {
-    char dir[32] = "/tmp/qosa_fXXXXXX", a[64] = {}, b[64] = {}; // a, b: two names in dir
+    char dir[32] = "/tmp/qosa_fXXXXXX", a[64] = {}, b[64] = {}; // a, b: two names in dir (no link in its path)
     char buf[PATH_MAX + 1] = {}, name[16] = {};                 // name: this process's
     void *h = nullptr, *out = nullptr;                          // h: the handle under test
     u32 id = 0, n = 0, u = 0, v = 0;
@@ -258,7 +258,7 @@ const std::vector<Row>& rows() {
          SETUP(std::snprintf(c.buf, sizeof c.buf, "%s/a/x/y", c.dir)), IS(r == 0 && access(c.buf, F_OK) == 0)},
         {"QOSA_RelPath", CALL(QOSA_RelPath(c.b, c.buf, sizeof c.buf)), F(1), nullptr,
          SETUP(mkdir(c.a, 0700), std::snprintf(c.b, sizeof c.b, "%s/a/../a", c.dir)),
-         IS(r == 0 && std::filesystem::canonical(c.a) == c.buf)},
+         IS(r == 0 && std::strcmp(c.buf, c.a) == 0)},
         {"QOSA_CopyFile", CALL(QOSA_CopyFile(c.a, c.b)), F(-1), DO(unlink(c.b)), SETUP(put_file(c.a, "payload")),
          IS(r == 0 && slurp(c.b) == "payload")},
         {"QOSA_Fopen", CALL(QOSA_Fopen(c.dir, "r")), F(0), DO(r && QOSA_Fclose(ptr<FILE>(r)))},
@@ -362,11 +362,11 @@ rlim_t limit_for(const State& s, long spare) {
     if (row.setup) row.setup(c);
     const u32 errs = qosa::mem::load(qosa::mem::g_MemMonitorRecord.ulErrCnt);
     if (!(row.flags & NoWarm)) attempt(c, row, "warm-up");
-    // Waits until the timer thread ran what was queued and a joined thread is
-    // gone from the task list too (under qemu-user its host thread lingers).
+    // Waits until the timer thread ran what was queued (slower under a sanitizer) and a joined thread is gone from
+    // the task list too (under qemu-user its host thread lingers).
     State before = now();
     for (State was{}; !(was == before);)
-        std::this_thread::sleep_for(kUnderEmulator ? 100ms : 20ms), was = before, before = now();
+        std::this_thread::sleep_for(kUnderEmulator ? 100ms : 20ms * kSlack), was = before, before = now();
 
     rlimit fds{};
     getrlimit(RLIMIT_NOFILE, &fds);
