@@ -1,8 +1,8 @@
 // The fault sweep: every entry point that allocates or opens, tracking off and on, one child process per case:
 // with the k-th allocation failing (each k up to the call's count), with too few descriptors, with thread
 // creation failing and, tracking on, with guard pages refused. A case wants the documented failure or a correct
-// success, nothing left behind (blocks, descriptors, threads, live timers), no tracker error record but for a
-// failed allocation, and the call to work again after.
+// success, nothing left behind (blocks, descriptors, threads, live timers), no tracker error record but a failed
+// allocation's out-of-memory one, and the call to work again after.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -44,7 +44,7 @@ T* ptr(R r) {
 
 // What a row's functions share in one child.
 struct Ctx {
-    char dir[32] = "/tmp/qosa_fXXXXXX", a[64] = {}, b[64] = {}; // a, b: two names in dir (no link in its path)
+    char dir[32] = "/tmp/qosa_fXXXXXX", a[64] = {}, b[64] = {}; // a, b: two names in dir (a path free of links)
     char buf[PATH_MAX + 1] = {}, name[16] = {};                 // name: this process's
     void *h = nullptr, *out = nullptr;                          // h: the handle under test
     u32 id = 0, n = 0, u = 0, v = 0;
