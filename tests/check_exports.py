@@ -8,11 +8,9 @@ import subprocess
 import sys
 
 nm, lib, headers, names = sys.argv[1:]
-exported = {}
 symbols = subprocess.run([nm, "-D", "--defined-only", "--format=posix", lib], capture_output=True, text=True, check=True)
-for name, kind, *_ in (line.split() for line in symbols.stdout.splitlines()):
-    if kind != "A":  # the version node
-        exported[name.split("@")[0]] = "F" if kind in "TtWwi" else "V"
+exported = {name.split("@")[0]: "F" if kind in "TtWwi" else "V"  # but kind A, the version node
+            for name, kind, *_ in (line.split() for line in symbols.stdout.splitlines()) if kind != "A"}
 declared = set()
 for header in glob.glob(f"{headers}/*.h"):
     for line in open(header):

@@ -6,18 +6,16 @@
 #include <dlfcn.h>
 #include <pthread.h>
 #include <sys/mman.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstddef>
+#include <cstdlib>
+#include <utility>
 
 using fault::Kind;
-using std::size_t;
 
 extern "C" {
 void *__libc_malloc(size_t), *__libc_calloc(size_t, size_t), *__libc_realloc(void*, size_t);
-void* __libc_memalign(size_t, size_t);
 void __libc_free(void*);
 // A sanitizer's entry points, when one is linked in.
 [[gnu::weak]] void *__interceptor_malloc(size_t), *__interceptor_calloc(size_t, size_t),
@@ -58,19 +56,17 @@ void* counted(void* p) {
     return p;
 }
 
-// The C library's, looked up before main so that no armed fault strikes the lookup.
-using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-const auto s_create = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
+// The C library's, looked up before main so that no armed fault strikes the lookups.
+const auto s_create = reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
+const auto s_memalign = reinterpret_cast<decltype(&posix_memalign)>(dlsym(RTLD_NEXT, "posix_memalign"));
+const auto s_mprotect = reinterpret_cast<decltype(&mprotect)>(dlsym(RTLD_NEXT, "mprotect"));
 
-struct Start {
-    void* (*routine)(void*);
-    void* arg;
-};
+using Start = std::pair<void* (*)(void*), void*>; // a thread's start routine and its argument
 void* start_ours(void* p) {
-    const Start s = *static_cast<Start*>(p);
+    const auto [routine, arg] = *static_cast<Start*>(p);
     __libc_free(p);
     t_ours = true;
-    return s.routine(s.arg);
+    return routine(arg);
 }
 
 } // namespace
@@ -103,19 +99,14 @@ void free(void* p) {
 
 int posix_memalign(void** out, size_t a, size_t n) {
     if (refuse()) return ENOMEM;
-    if (__interceptor_posix_memalign) {
-        const int r = __interceptor_posix_memalign(out, a, n);
-        return r == 0 ? (counted(*out), 0) : r;
-    }
-    if (a % sizeof(void*) != 0 || (a & (a - 1)) != 0) return EINVAL;
-    void* p = counted(__libc_memalign(a, n));
-    return p == nullptr ? ENOMEM : (*out = p, 0);
+    const int r = (__interceptor_posix_memalign ? __interceptor_posix_memalign : s_memalign)(out, a, n);
+    if (r == 0) counted(*out);
+    return r;
 }
 
 int mprotect(void* addr, size_t len, int prot) {
     if (prot == PROT_READ && strikes(Kind::Maps)) return errno = ENOMEM, -1; // the kernel's past vm.max_map_count
-    if (__interceptor_mprotect) return __interceptor_mprotect(addr, len, prot);
-    return static_cast<int>(syscall(SYS_mprotect, addr, len, prot));
+    return (__interceptor_mprotect ? __interceptor_mprotect : s_mprotect)(addr, len, prot);
 }
 
 int pthread_create(pthread_t* t, const pthread_attr_t* attr, void* (*routine)(void*), void* arg) {

@@ -1,9 +1,7 @@
-// What the tests share. How the test build is instrumented: which sanitizer
-// it runs under, for the few checks that a sanitizer itself reports as an
-// error (destroying a locked mutex, a deliberate fault); whether the tests run
-// under a user-mode emulator (the cross build's qemu-user, QOSA_TEST_EMULATED
-// from the build), for the few checks of what the emulator fakes or forwards
-// differently. How a forked child ends; elapsed time; a file's contents.
+// What the tests share. What the build runs them under: a sanitizer, for the few checks that a sanitizer itself
+// reports as an error (destroying a locked mutex, a deliberate fault); the cross build's user-mode emulator
+// (qemu-user), for the few checks of what it fakes or forwards differently. How a forked child ends; elapsed
+// time; a file's contents.
 #pragma once
 
 #include <sys/prctl.h>
@@ -15,37 +13,10 @@
 #include <string>
 #include <thread>
 
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define QOSA_UNDER_TSAN 1
-#endif
-#if __has_feature(address_sanitizer)
-#define QOSA_UNDER_ASAN 1
-#endif
-#endif
-#if defined(__SANITIZE_THREAD__)
-#define QOSA_UNDER_TSAN 1
-#endif
-#if defined(__SANITIZE_ADDRESS__)
-#define QOSA_UNDER_ASAN 1
-#endif
-
 namespace qosa_test {
-#ifdef QOSA_UNDER_TSAN
-inline constexpr bool kUnderTsan = true;
-#else
-inline constexpr bool kUnderTsan = false;
-#endif
-#ifdef QOSA_UNDER_ASAN
-inline constexpr bool kUnderAsan = true;
-#else
-inline constexpr bool kUnderAsan = false;
-#endif
-#ifdef QOSA_TEST_EMULATED
-inline constexpr bool kUnderEmulator = true;
-#else
-inline constexpr bool kUnderEmulator = false;
-#endif
+inline constexpr bool kUnderTsan = QOSA_TEST_TSAN;
+inline constexpr bool kUnderAsan = QOSA_TEST_ASAN;
+inline constexpr bool kUnderEmulator = QOSA_TEST_EMULATED;
 
 using Clock = std::chrono::steady_clock;
 
@@ -75,19 +46,14 @@ void wait_until(Pred pred) {
     while (!pred())
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
-} // namespace qosa_test
 
-#ifdef QOSA_COVERAGE // make coverage
-extern "C" void __gcov_dump(void);
-#endif
-
-namespace qosa_test {
-// A forked child that ends with _exit writes its coverage counters first.
-inline void write_counters() {
+// A forked child that ends with _exit writes its coverage counters first (make coverage).
 #ifdef QOSA_COVERAGE
-    __gcov_dump();
+extern "C" void __gcov_dump(void);
+inline void write_counters() { __gcov_dump(); }
+#else
+inline void write_counters() {}
 #endif
-}
 // Ends a forked child at once: no atexit work, no stdio flush.
 [[noreturn]] inline void child_exit(int code) {
     write_counters();
