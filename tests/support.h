@@ -4,14 +4,27 @@
 // time; a file's contents.
 #pragma once
 
+// Every test file starts from this header: GoogleTest, the public headers and the standard headers most tests use.
+#include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
+
+#include "qosa.h"
 
 namespace qosa_test {
 inline constexpr bool kUnderTsan = QOSA_TEST_TSAN;

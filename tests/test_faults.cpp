@@ -3,7 +3,6 @@
 // creation failing and, tracking on, with guard pages refused. A case wants the documented failure or a correct
 // success, nothing left behind (blocks, descriptors, threads, live timers), no tracker error record but a failed
 // allocation's out-of-memory one, and the call to work again after.
-#include <gtest/gtest.h>
 
 #include <arpa/inet.h>
 #include <dirent.h>
@@ -16,9 +15,7 @@
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstdarg>
-#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <functional>

@@ -1,21 +1,13 @@
 // Files and directories: 32-bit sizes, the status record, recursive directory
 // creation, file copy and listings. (Path resolution against realpath and the
 // version sort against versionsort are properties of fuzz/fuzz_parsers.cpp.)
-#include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <climits>
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
-#include <string>
 
-#include "qosa_file.h"
 #include "support.h"
 
 namespace fs = std::filesystem;

@@ -1,10 +1,7 @@
 // One sweep over every guarded entry point, linked with the shared library like a user: called with a missing
 // argument, each must give its refusal value, leave the last error alone and not crash.
-#include <gtest/gtest.h>
-
-#include <cerrno>
-
 #include "guard_cases.h"
+#include "support.h"
 
 class Guards : public ::testing::TestWithParam<GuardCase> {};
 

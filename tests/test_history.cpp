@@ -1,12 +1,7 @@
 // The operate-history ring and its dump.
-#include <gtest/gtest.h>
-
 #include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "qosa_history.h"
+#include "support.h"
 
 namespace {
 

@@ -1,12 +1,7 @@
 // Allocation with tracking off (never switched on here) and the report text helpers.
-#include <gtest/gtest.h>
-
-#include <string>
-#include <utility>
-
 #include "internal/mem_switch.h"
 #include "internal/mem_table.h"
-#include "qosa_mem.h"
+#include "support.h"
 
 namespace {
 int s_prints = 0;

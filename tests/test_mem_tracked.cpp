@@ -1,31 +1,17 @@
 // The tracker with tracking on: its reports (counters, listings, sorting,
 // filter, scan, self-check, dumps), then guards, error records, slots,
 // realloc, threads, and the blocks other units take through it.
-#include <gtest/gtest.h>
 
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <csignal>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
 #include <random>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include "internal/mem_switch.h"
 #include "internal/mem_table.h"
-#include "qosa_mem.h"
-#include "qosa_stat.h"
 #include "support.h"
 
 namespace {

@@ -1,20 +1,9 @@
 // Signal sets, mappings, the last error and its texts, the fixed-result entry points and a child process.
 // Signals only go to this process.
-#include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
-#include <climits>
-#include <cstdio>
-#include <cstring>
-#include <vector>
-
-#include "qosa_error.h"
-#include "qosa_process.h"
 #include "support.h"
 
 constexpr s32 kCapacity = static_cast<s32>(sizeof(sigset_t) * CHAR_BIT);

@@ -1,18 +1,10 @@
 // Message queues, and many producers and consumers on a small one. The
 // numbering test must stay first (it expects a process without queues), the
 // tracked one last (tracking stays on).
-#include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
 #include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "internal/queue_debug.h"
-#include "qosa_mem.h"
-#include "qosa_queue.h"
 #include "support.h"
 
 namespace {

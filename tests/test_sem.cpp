@@ -1,18 +1,9 @@
 // Unnamed and named semaphores (counts, time-outs, tags, wake order, signals), System V sets.
-#include <gtest/gtest.h>
 
 #include <signal.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cerrno>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "internal/clock.h"
 #include "internal/fifo_sem.h"
-#include "qosa_sem.h"
 #include "support.h"
 
 namespace {

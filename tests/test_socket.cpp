@@ -1,17 +1,9 @@
 // Sockets on loopback: descriptor-set layout, host-order connects, local
 // addresses, the port tables and close-on-exec.
-#include <gtest/gtest.h>
-
 #include <ifaddrs.h>
 #include <net/if.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-
-#include "qosa_socket.h"
+#include "support.h"
 
 namespace {
 // Bound to a free port of 127.0.0.1 or ::1 (IPv6 only), listening when a

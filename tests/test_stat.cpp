@@ -1,23 +1,14 @@
 // Statistics from /proc: the scans against /proc, with this process under a
 // 15-character name of its own. (The text steps under them, stat lines, the
 // cpu line, meminfo and the shares, are properties of fuzz/fuzz_parsers.cpp.)
-#include <gtest/gtest.h>
 
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "internal/proc_parse.h"
-#include "qosa_mem.h"
-#include "qosa_stat.h"
 #include "support.h"
 
 using namespace qosa::stat;

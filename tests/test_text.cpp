@@ -1,17 +1,10 @@
 // The locale conversions: each call follows the environment's character-type
 // locale of its moment. (The UTF-8 codecs and the sequence check are the
 // properties of fuzz/fuzz_utf8.cpp, against plain references and iconv.)
-#include <gtest/gtest.h>
-
 #include <locale.h>
 #include <sys/resource.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <string>
-#include <thread>
-
-#include "qosa_text.h"
+#include "support.h"
 
 namespace {
 

@@ -1,18 +1,9 @@
 // The library's mutex, timed condition waits, thread handles, sleeps.
-#include <gtest/gtest.h>
 
 #include <sched.h>
 #include <sys/resource.h>
 
-#include <atomic>
-#include <cerrno>
-#include <cstdint>
-#include <thread>
-#include <vector>
-
 #include "internal/clock.h"
-#include "qosa_lock.h"
-#include "qosa_thread.h"
 #include "support.h"
 
 namespace {

@@ -2,19 +2,12 @@
 // the clock: the setting calls run in a child that has given up the privilege to set it. (The
 // date-time validity rule and the arithmetic of the readings are properties of
 // fuzz/fuzz_parsers.cpp.)
-#include <gtest/gtest.h>
 
 #include <linux/capability.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <chrono>
-#include <climits>
 
 #include "internal/time.h"
-#include "qosa_time.h"
 #include "support.h"
 
 namespace {

@@ -2,16 +2,11 @@
 // stop of the service, groups, absolute timers, limits, trace and hook. The
 // relative timers' order and rounding are test_timer_thread.cpp's, on a wheel
 // driven by hand.
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdarg>
-#include <cstdio>
 #include <ctime>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include "timer_helpers.h"
 

@@ -1,13 +1,10 @@
 // The timer thread (tick accounting, tasklet queues, tick hooks, start and
 // stop) and the relative timers' wheel driven by hand, one reltm_trigger call a pass.
-#include <gtest/gtest.h>
 
 #include <pthread.h>
 
 #include <algorithm>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "internal/timer_service.h"
 #include "timer_helpers.h"

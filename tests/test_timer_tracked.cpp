@@ -2,12 +2,9 @@
 // released argument outlives the requests queued before it, under churn no
 // callback comes after its timer's free completed, and every stop leaves no
 // block behind. (Memory running out is the fault sweep's part.)
-#include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <new>
 #include <random>
-#include <vector>
 
 #include "timer_helpers.h"
 

@@ -2,12 +2,6 @@
 // counts it changes, checking the results of several calls at once.
 #pragma once
 
-#include <atomic>
-#include <chrono>
-#include <thread>
-#include <vector>
-
-#include "qosa.h"
 #include "support.h"
 
 namespace qosa_test {
