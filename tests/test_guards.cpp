@@ -3,6 +3,7 @@
 #include "guard_cases.h"
 #include "support.h"
 
+void PrintTo(const GuardCase& c, std::ostream* os) { *os << c.name; }
 class Guards : public ::testing::TestWithParam<GuardCase> {};
 
 TEST_P(Guards, MissingArgumentIsRefused) {
