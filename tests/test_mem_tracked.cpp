@@ -30,6 +30,7 @@ struct MemTracked : ::testing::Test {
         QOSA_MemInitMemMange();
         ASSERT_TRUE(qosa::mem::tracking());
         live_ = T.ulCurCnt, bytes_ = T.ulUserMem, errors_ = T.ulErrCnt;
+        ASSERT_EQ(live_, 0u) << "every test starts from an empty table (the reports' figures count on it)";
     }
     // Nothing leaked or freed twice; every used position names a slot pointing back, live ones first.
     void TearDown() override {
@@ -81,17 +82,11 @@ std::string totals(u32 count, u32 bytes) {
            " (bytes)\r\n";
 }
 
-struct MemReports : MemTracked {
-    void SetUp() override {
-        MemTracked::SetUp();
-        ASSERT_EQ(live_, 0u) << "the reports are checked against an empty table";
-    }
-};
+using MemReports = MemTracked;
 
 } // namespace
 
 TEST_F(MemReports, CountersAndPieces) {
-    EXPECT_EQ(listing(0, 0), Pieces{totals(0, 0)}) << "no listing call for an empty table";
     keep(5);
     keep(100);
     EXPECT_EQ(printed(QOSA_MemGetMemStatus),
@@ -131,7 +126,7 @@ TEST_F(MemReports, SortOrdersAndFilter) {
     Pieces other = listing(1, 1, "other");
     EXPECT_EQ(other[0].substr(kHeader.size(), 20), "7        2          ") << "filtered and sorted by size";
     EXPECT_EQ(other.back(), totals(6, 700 + 20 + 5000 + 64 + 9000 + 4));
-    EXPECT_EQ(listing(1, 0, "nomatch"), Pieces{totals(0, 0)});
+    EXPECT_EQ(listing(1, 0, "nomatch"), Pieces{totals(0, 0)}) << "no listing call for no record";
     EXPECT_EQ(listing(0, 0, "nomatch").back(), totals(8, 15128)) << "mode 0 takes no filter";
     EXPECT_EQ(listing(2, 0), Pieces{totals(0, 0)}) << "other modes list nothing";
 }
@@ -162,19 +157,17 @@ TEST_F(MemReports, ScanAndSelfCheck) {
 
 // The only test that writes files: the dumps go to /data, made here when missing.
 TEST_F(MemReports, DumpFiles) {
-    struct stat st {};
-    bool made = stat("/data", &st) != 0 && mkdir("/data", 0755) == 0;
+    bool made = mkdir("/data", 0755) == 0;
     if (access("/data", W_OK) != 0) GTEST_SKIP() << "/data cannot be written";
     const char *recPath = "/data/mem_rec.txt", *oomPath = "/data/out_of_memery.txt";
     bool hadRec = access(recPath, F_OK) == 0;
-    using qosa_test::slurp;
     char* down = keep(5, "a/dump.c", QOSA_MEM_FIXED);
     keep(64);
     down[5] = 0; // found by the self-check run first
     sysMemLogMemErr(reinterpret_cast<void*>(0x1000), 3, "err.c", 9, 0, QOSA_MEM_NOT_FOUND);
     std::ofstream(recPath) << "stale";
     EXPECT_EQ(printed(QOSA_MemGetMemoryUseMonitor), Pieces{"Save to /data/mem_rec.txt"});
-    std::string text = slurp(recPath), tid = std::to_string(static_cast<u32>(pthread_self())) + "\r\n";
+    std::string text = qosa_test::slurp(recPath), tid = std::to_string(static_cast<u32>(pthread_self())) + "\r\n";
     EXPECT_EQ(text.substr(0, text.find("-------ErrMem")),
               "\r\n-------MemInfo 2----\r\n" + kHeader +
                   "0        5          100   dump.c                          Fixed    Down      " + tid +
@@ -186,7 +179,7 @@ TEST_F(MemReports, DumpFiles) {
 
     std::remove(oomPath);
     EXPECT_EQ(QOSA_MemTypeMallocD(0xFFFFFFFFu, QOSA_MEM_DYN, 12, "x/oom.c"), nullptr);
-    std::string oom = slurp(oomPath);
+    std::string oom = qosa_test::slurp(oomPath);
     EXPECT_NE(oom.find("-------MemInfo 2----"), oom.npos) << "the first failure dumps both tables";
     EXPECT_NE(oom.find("4294967295 12    oom.c                           Dyn    NoMem"), oom.npos);
     std::remove(oomPath);
@@ -248,8 +241,6 @@ TEST_F(MemTracked, DamagedAndForeignBlocks) {
     const QOSA_MEM_REC_S& f = last_error(); // where it was freed
     EXPECT_TRUE(T.ulErrCnt == errors + 1 && f.pAddr == p + 4 && f.ulLine == 55 && f.ulType == QOSA_MEM_IS &&
                 std::string(f.pFile) == "freeing.c");
-    QOSA_MemTypeFreeD(nullptr, QOSA_MEM_DYN, __LINE__, kFile);
-    EXPECT_EQ(T.ulErrCnt, errors + 1) << "NULL is no error";
     // Nothing is mapped in front of a pointer at the start of a mapping.
     auto* pages = static_cast<char*>(mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     ASSERT_TRUE(pages != MAP_FAILED && munmap(pages, 4096) == 0);
@@ -322,22 +313,15 @@ TEST_F(MemTracked, ConcurrentUseKeepsTheTableConsistent) {
     EXPECT_EQ(T.ulErrCnt, errors_);
 }
 
-// The statistics result arrays, released by the caller, are recorded under the statistics unit.
+// The statistics result arrays, released by the caller, are recorded under the statistics unit. One helper
+// allocates every scan's array; that each is a tracked block is the fault sweep's finding.
 TEST_F(MemTracked, StatisticsResultArraysNameTheirUnit) {
-    const std::string me = qosa_test::name_self("qosatrack" + std::to_string(getpid()));
-    u32 n = 0, total = 0, free = 0, r = 1;
-    QOSA_OS_PROC_INFO_S *memory = nullptr, *busy = nullptr;
-    QOSA_OS_THREAD_INFO_S* threads = nullptr;
+    u32 n = 0, total = 0, free = 0;
+    QOSA_OS_PROC_INFO_S* memory = nullptr;
     ASSERT_EQ(QOSA_OS_GetMEMAllocRate(&total, &free, &n, &memory), 0u);
-    for (int attempt = 0; attempt < 5 && r == 1; ++attempt) // a process may exit during the first scan
-        r = QOSA_OS_GetCPUBusyRate(&n, &busy);
-    ASSERT_EQ(r, 0u);
-    ASSERT_EQ(QOSA_OS_GetProcThread(me.c_str(), &n, &threads), 0u);
-    for (void* p : {static_cast<void*>(memory), static_cast<void*>(busy), static_cast<void*>(threads)}) {
-        const QOSA_MEM_REC_S* rec = sysMemCheckUserAddr(p);
-        EXPECT_STREQ(rec != nullptr ? rec->pFile : "not tracked", "os_run_config.c");
-        QOSA_MemTypeFreeD(p, QOSA_MEM_DYN, __LINE__, __FILE__);
-    }
+    const QOSA_MEM_REC_S* rec = sysMemCheckUserAddr(memory);
+    EXPECT_STREQ(rec != nullptr ? rec->pFile : "not tracked", "os_run_config.c");
+    QOSA_MemTypeFreeD(memory, QOSA_MEM_DYN, __LINE__, __FILE__);
 }
 
 // Fills the error table: keep this test last, later error records are dropped.

@@ -84,44 +84,37 @@ TEST(QOSA_OS_GetProcThread, ThisProcessListsExactlyItsTasks) {
     std::set<s32> tasks;
     for (const auto& e : std::filesystem::directory_iterator("/proc/self/task"))
         tasks.insert(std::stoi(e.path().filename()));
-    std::vector<std::string> names{g_me};
-    if (g_me.size() == 15) names.push_back(g_me + "-longer-than-15"); // the emulator's name may be shorter
-    for (const std::string& name : names) {
-        std::set<s32> got;
-        for (const QOSA_OS_THREAD_INFO_S& t : threads_of(name)) {
-            EXPECT_TRUE(got.insert(t.iThreadId).second) << t.iThreadId;
-            if (qosa_test::kUnderEmulator && t.iThreadId == getpid()) continue; // its made-up line has no state
-            EXPECT_LE(t.iState, QOSA_THREAD_STATE_DISK_WAIT) << "running, sleeping or in a page-in";
-        }
-        EXPECT_EQ(got, tasks) << name;
+    std::set<s32> got; // (which names match a process is the name test's rule: a fuzz property)
+    for (const QOSA_OS_THREAD_INFO_S& t : threads_of(g_me)) {
+        EXPECT_TRUE(got.insert(t.iThreadId).second) << t.iThreadId;
+        if (qosa_test::kUnderEmulator && t.iThreadId == getpid()) continue; // its made-up line has no state
+        EXPECT_LE(t.iState, QOSA_THREAD_STATE_DISK_WAIT) << "running, sleeping or in a page-in";
     }
+    EXPECT_EQ(got, tasks);
     testing::internal::CaptureStdout();
     const std::string missing = "no-such-" + std::to_string(getpid());
     EXPECT_TRUE(threads_of(missing, 2).empty());
     std::fflush(stdout);
     // Processes that exit during the scan add their own lines before it.
     EXPECT_TRUE(testing::internal::GetCapturedStdout().ends_with("Can not find this process: ," + missing + " \n"));
-    EXPECT_TRUE(threads_of(g_me.substr(0, g_me.size() - 1), 2).empty()) << "a shorter name is another name";
 }
 
-TEST(QOSA_OS_GetProcThread, StoppedChildGivesFourAndZombieThree) {
-    for (bool zombie : {false, true}) {
-        const std::string child = (zombie ? "qz" : "qt") + std::to_string(getpid());
-        const pid_t pid = fork();
-        ASSERT_GE(pid, 0);
-        if (pid == 0) { // renamed, then stopped or exited
-            prctl(PR_SET_NAME, child.c_str());
-            if (zombie) _exit(0);
-            for (raise(SIGSTOP);;)
-                pause();
-        }
-        siginfo_t info{}; // exited but not reaped, or stopped
-        EXPECT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, (zombie ? WEXITED : WSTOPPED) | WNOWAIT), 0);
-        const auto threads = threads_of(child);
-        EXPECT_TRUE(!threads.empty() && threads[0].iThreadId == pid) << child;
-        for (const QOSA_OS_THREAD_INFO_S& t : threads) // a sanitizer runtime may add a thread of its own
-            EXPECT_EQ(t.iState, zombie ? QOSA_THREAD_STATE_OTHER : QOSA_THREAD_STATE_STOPPED) << child;
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
+// The state comes from each task's own line (what each letter gives is a fuzz property).
+TEST(QOSA_OS_GetProcThread, StoppedChildGivesFour) {
+    const std::string child = "qt" + std::to_string(getpid());
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) { // renamed, then stopped
+        prctl(PR_SET_NAME, child.c_str());
+        for (raise(SIGSTOP);;)
+            pause();
     }
+    siginfo_t info{};
+    EXPECT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, WSTOPPED | WNOWAIT), 0);
+    const auto threads = threads_of(child);
+    EXPECT_TRUE(!threads.empty() && threads[0].iThreadId == pid) << child;
+    for (const QOSA_OS_THREAD_INFO_S& t : threads) // a sanitizer runtime may add a thread of its own
+        EXPECT_EQ(t.iState, QOSA_THREAD_STATE_STOPPED) << child;
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
 }

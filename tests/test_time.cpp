@@ -11,9 +11,6 @@
 #include "support.h"
 
 namespace {
-QOSA_SysTime at(s32 year, s32 mon, s32 mday, s32 hour, s32 min, s32 sec) {
-    return QOSA_SysTime{sec, min, hour, mday, mon, year, 0, 0, 0, 0, nullptr};
-}
 u64 now_ms() {
     using namespace std::chrono;
     return u64(duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count());
@@ -29,10 +26,6 @@ TEST(QOSA_GetSysRunTime, RunTimeAndWallClock) {
     clock_gettime(CLOCK_BOOTTIME, &ts);
     EXPECT_LE(QOSA_GetSysRunTime() - qosa::time::run_ms(ts), 50u) << "milliseconds of the boot clock";
     EXPECT_LE(QOSA_GetSysRunTimeSec() - u32(ts.tv_sec), 1u);
-    u32 run0 = QOSA_GetSysRunTime();
-    u64 wall0 = now_ms();
-    usleep(1000000);
-    EXPECT_NEAR(double(u32(QOSA_GetSysRunTime() - run0)), double(now_ms() - wall0), 5.0) << "runs at the wall's pace";
 
     u64 before = now_ms();
     u64 ms = QOSA_GetSystemTime();
@@ -68,20 +61,15 @@ TEST(QOSA_SetSysTime, RefusalsLeaveTheClockAlone) {
     pid_t pid = fork();
     if (pid == 0) {
         __user_cap_header_struct hdr{_LINUX_CAPABILITY_VERSION_3, 0};
-        __user_cap_data_struct cap[2]{};
-        if (syscall(SYS_capget, &hdr, cap) != 0) qosa_test::child_exit(255);
-        cap[0].effective &= ~(1u << CAP_SYS_TIME);
-        cap[0].permitted &= ~(1u << CAP_SYS_TIME);
-        if (syscall(SYS_capset, &hdr, cap) != 0 || syscall(SYS_capget, &hdr, cap) != 0 ||
-            (cap[0].effective & (1u << CAP_SYS_TIME)) != 0)
-            qosa_test::child_exit(255); // the privilege is still there: set nothing
+        const __user_cap_data_struct none[2]{}; // every privilege given up, that of setting the clock with them
+        if (syscall(SYS_capset, &hdr, none) != 0) qosa_test::child_exit(255); // still there: set nothing
         // year, month, day, hour, minute, second
         const s32 rec[][6] = {{2023, 2, 29, 12, 0, 0}, {2030, 1, 1, 0, 0, -1},    {2030, 1, 1, 0, -1, 0},
                               {2030, 1, 1, -1, 0, 0},  {2030, 1, -1, 12, 0, 0},   {2030, -1, 1, 12, 0, 0},
                               {-1, 1, 1, 12, 0, 0},    {9999, 12, 31, 23, 59, 59}};
         for (int i = 0; i < 9; ++i) {
             const s32* r = rec[i < 8 ? i : 0];
-            QOSA_SysTime t = at(r[0], r[1], r[2], r[3], r[4], r[5]);
+            QOSA_SysTime t{r[5], r[4], r[3], r[2], r[1], r[0], 0, 0, 0, 0, nullptr};
             errno = 4321;
             u32 res = i < 8 ? QOSA_SetSysTime(&t) : u32(QOSA_SetTimezone(0));
             // The kernel, not the C library, must refuse the zone. qemu-user forwards the system call
