@@ -7,7 +7,7 @@
 // - the date-time validity rule against a reference written from the rule
 //   and, for whole dates, against the C library's calendar (timegm); the
 //   arithmetic of the clock readings;
-// - QOSA_Versionsort against versionsort;
+// - QOSA_Versionsort against versionsort, QOSA_Alphasort against alphasort;
 // - QOSA_RelPath against realpath in a scratch tree of directories, files and
 //   symbolic links (loops and dangling ones included);
 // - the /proc/net socket-table reader against tables made as the kernel
@@ -435,7 +435,7 @@ void readings(FuzzedDataProvider& in) {
           out.tm_zone == t.tm_zone);
 }
 
-// ---- version sort --------------------------------------------------------------
+// ---- version and alphabetical sort --------------------------------------------------------------
 
 int sign(int v) { return (v > 0) - (v < 0); }
 
@@ -453,6 +453,7 @@ void versions(FuzzedDataProvider& in) {
     check(mine == sign(versionsort(&pa, &pb)));
     check(mine == -sign(QOSA_Versionsort(&pb, &pa)));
     check(mine == sign(strverscmp(pa->d_name, pb->d_name)));
+    check(sign(QOSA_Alphasort(&pa, &pb)) == sign(alphasort(&pa, &pb)));
 }
 
 // ---- path resolution ----------------------------------------------------------
