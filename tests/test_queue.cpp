@@ -2,30 +2,28 @@
 // numbering test must stay first (it expects a process without queues), the
 // tracked one last (tracking stays on).
 
+#include <algorithm>
 #include <set>
 
 #include "internal/queue_debug.h"
 #include "support.h"
 
 namespace {
-using qosa_test::Clock;
-using qosa_test::ms_since;
-using qosa_test::wait_until;
+using namespace qosa_test;
 using Codes = std::vector<u32>; // results of calls made in order (a braced list runs them left to right)
 qosa::queue::QueueCounts counts(u32 id) {
     qosa::queue::QueueCounts c{};
     EXPECT_TRUE(qosa::queue::inspect(id, &c));
     return c;
 }
-// Messages and waiters: all 0 on a quiet, empty queue.
-u32 leftovers(u32 id) { return counts(id).messages + counts(id).readWaiters + counts(id).writeWaiters; }
 } // namespace
 
 TEST(ORV_Queue, NumberingResultCodesCutMessagesAndTimeOuts) {
     u32 ids[3] = {}, id = 0, last = 0;
     for (u32& i : ids)
-        ASSERT_EQ(ORV_QueueCreate("numbered", 4, &i, 1, 8), 0u);
+        ASSERT_EQ(ORV_QueueCreate("numbered", 0, &i, 1, 8), 0u);
     EXPECT_TRUE(ids[0] == 1 && ids[1] == 2 && ids[2] == 3) << ids[0] << ids[1] << ids[2];
+    EXPECT_EQ(ORV_QueueWrite(ids[0], "a", 1, 20), ORV_QUEUE_ERR_WRITE_TIMEOUT) << "capacity 0: never takes a message";
     for (u32 i : ids)
         EXPECT_EQ(ORV_QueueDelete(i), 0u);
     ASSERT_EQ(ORV_QueueCreate(std::string(40, 'x').c_str(), 2, &id, 0, 100), 0u) << "a long name is cut, not refused";
@@ -42,7 +40,7 @@ TEST(ORV_Queue, NumberingResultCodesCutMessagesAndTimeOuts) {
     // queue is looked up, are rows of the guard sweep); write checks the queue before the length, and
     // takes exactly the maximum length. A deleted id is refused by every call (also at scale, below).
     const std::string hundred = std::string(40, 'a') + std::string(60, 'b');
-    char buf[40], large[128] = {};
+    char buf[40], large[128];
     EXPECT_EQ(Codes({ORV_QueueCreate(nullptr, 1, nullptr, 2, 0), ORV_QueueCreate(nullptr, 1, nullptr, 1, 0),
                      ORV_QueueRead(gone, 0, buf, 1), ORV_QueueWrite(gone, buf, 0, 0), ORV_QueueWrite(id, buf, 0, 0),
                      ORV_QueueWrite(id, hundred.c_str(), 101, 0), ORV_QueueWrite(id, hundred.c_str(), 100, 0),
@@ -53,21 +51,12 @@ TEST(ORV_Queue, NumberingResultCodesCutMessagesAndTimeOuts) {
     auto t0 = Clock::now();
     EXPECT_EQ(ORV_QueueWrite(id, "x", 1, 50), ORV_QUEUE_ERR_WRITE_TIMEOUT);
     EXPECT_TRUE(ms_since(t0) >= 49 && ms_since(t0) < 1000) << ms_since(t0);
-    EXPECT_EQ(leftovers(id), 2u) << "two messages; the writer that gave up left nothing";
     EXPECT_EQ(ORV_QueueRead(id, 0, buf, sizeof buf), 40u);
     EXPECT_EQ(std::string(buf, sizeof buf), std::string(40, 'a'));
     EXPECT_EQ(ORV_QueueRead(id, 100, large, sizeof large), 6u) << "the rest of the long message is dropped";
-    EXPECT_STREQ(large, "second");
     t0 = Clock::now();
     EXPECT_EQ(ORV_QueueRead(id, 50, buf, sizeof buf), ORV_QUEUE_ERR_READ_TIMEOUT);
     EXPECT_GE(ms_since(t0), 49);
-    EXPECT_EQ(ORV_QueueDelete(id), 0u);
-
-    // Capacity 0: the queue never takes a message.
-    ASSERT_EQ(ORV_QueueCreate("never", 0, &id, 0, 8), 0u);
-    EXPECT_EQ(ORV_QueueWrite(id, "a", 1, 20), ORV_QUEUE_ERR_WRITE_TIMEOUT);
-    EXPECT_EQ(ORV_QueueRead(id, 20, buf, sizeof buf), ORV_QUEUE_ERR_READ_TIMEOUT);
-    EXPECT_EQ(leftovers(id), 0u);
     EXPECT_EQ(ORV_QueueDelete(id), 0u);
 }
 
@@ -85,18 +74,14 @@ TEST(ORV_Queue, IdsAtScaleDeletedInAnyOrder) {
         std::vector<u32> ids(row.queues);
         for (u32& id : ids)
             ASSERT_EQ(ORV_QueueCreate("scale", 2, &id, 0, 4), 0u);
-        EXPECT_EQ(ids.back(), ids.front() + row.queues - 1);
-        char buf[4];
         for (u32 i = 0; i < row.queues; ++i) {
             u32 id = ids[row.nth(i, row.queues)], next = ids[row.nth((i + 1) % row.queues, row.queues)];
             ASSERT_EQ(ORV_QueueDelete(id), 0u);
             ASSERT_EQ(ORV_QueueGetMsgNum(id), ORV_QUEUE_ERR_COUNT_NO_QUEUE);
             ASSERT_EQ(ORV_QueueDelete(id), ORV_QUEUE_ERR_DELETE_NO_QUEUE);
             ASSERT_TRUE(i + 1 == row.queues || ORV_QueueGetMsgNum(next) == 0) << next;
-            ASSERT_TRUE(i + 1 == row.queues || i % 97 != 0 ||
-                        (ORV_QueueWrite(next, "abc", 3, 0) == 0 && ORV_QueueRead(next, 0, buf, sizeof buf) == 3));
         }
-        EXPECT_FALSE(qosa::queue::list_exists());
+        EXPECT_FALSE(qosa::queue::list_exists()) << "the last queue took the list with it";
     }
 }
 
@@ -147,7 +132,6 @@ TEST(ORV_QueueStress, FourProducersFourConsumersCapacityEight) {
     ASSERT_EQ(ORV_QueueCreate("stress", 8, &id, 0, sizeof(Msg)), 0u);
     Stall producersStall, consumersStall;
     std::vector<std::atomic<bool>> seen(kSide * kPerProducer);
-    std::atomic<std::uint32_t> total{0};
     std::vector<std::thread> threads;
     for (std::uint32_t t = 0; t < kSide; ++t) {
         // Each producer ends with a stop message, after all of its own.
@@ -177,14 +161,13 @@ TEST(ORV_QueueStress, FourProducersFourConsumersCapacityEight) {
                 ASSERT_FALSE(seen[m.producer * kPerProducer + m.seq].exchange(true)) << "duplicate";
                 ASSERT_GT(m.seq, last[m.producer]) << "producer order broken";
                 last[m.producer] = m.seq;
-                ++total;
             }
         });
     }
     for (auto& t : threads)
         t.join();
-    EXPECT_EQ(total, kSide * kPerProducer) << "messages lost";
-    EXPECT_EQ(leftovers(id), 0u);
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), true), std::ptrdiff_t{kSide * kPerProducer}) << "messages lost";
+    EXPECT_EQ(counts(id).messages + counts(id).readWaiters + counts(id).writeWaiters, 0u) << "nothing left behind";
     EXPECT_EQ(ORV_QueueDelete(id), 0u);
 }
 
