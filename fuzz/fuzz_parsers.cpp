@@ -423,19 +423,20 @@ void readings(FuzzedDataProvider& in) {
     QOSA_SysTime t{};
     for (s32* f :
          {&t.tm_sec, &t.tm_min, &t.tm_hour, &t.tm_mday, &t.tm_mon, &t.tm_year, &t.tm_wday, &t.tm_yday, &t.tm_isdst})
-        *f = in.ConsumeIntegralInRange<s32>(INT_MIN + 1900, INT_MAX);
+        *f = in.ConsumeIntegralInRange(0, 7) == 0 ? -1 : in.ConsumeIntegralInRange<s32>(INT_MIN + 1900, INT_MAX);
     t.tm_gmtoff = in.ConsumeIntegral<long>();
     t.tm_zone = "ZONE";
     struct tm out;
     std::memset(&out, 0x5A, sizeof out);
     qosa::time::to_platform_tm(t, out);
     check(out.tm_sec == t.tm_sec && out.tm_min == t.tm_min && out.tm_hour == t.tm_hour && out.tm_mday == t.tm_mday &&
-          out.tm_mon == t.tm_mon - 1 && out.tm_year == t.tm_year - 1900 && out.tm_wday == t.tm_wday &&
+          out.tm_mon == (t.tm_mon == -1 ? -1 : t.tm_mon - 1) &&
+          out.tm_year == (t.tm_year == -1 ? -1 : t.tm_year - 1900) && out.tm_wday == t.tm_wday &&
           out.tm_yday == t.tm_yday && out.tm_isdst == t.tm_isdst && out.tm_gmtoff == t.tm_gmtoff &&
           out.tm_zone == t.tm_zone);
 }
 
-// ---- version and alphabetical sort --------------------------------------------------------------
+// ---- version and alphabetical sort -------------------------------------------
 
 int sign(int v) { return (v > 0) - (v < 0); }
 

@@ -61,10 +61,9 @@ bool to_time_ex(const timeval& tv, QOSA_TimeEx* out) {
 // A date-time record as the platform's struct tm: every field copied, month
 // and year moved to the platform's origin.
 void to_platform_tm(const QOSA_SysTime& t, struct tm& out) {
-    memset_s(&out, sizeof out, 0, sizeof out);
     memcpy_s(&out, sizeof out, &t, sizeof t);
-    out.tm_year = t.tm_year - 1900;
-    out.tm_mon = t.tm_mon - 1;
+    if (out.tm_year != -1) out.tm_year -= 1900;
+    if (out.tm_mon != -1) out.tm_mon -= 1;
 }
 
 } // namespace qosa::time

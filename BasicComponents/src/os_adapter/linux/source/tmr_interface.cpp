@@ -188,12 +188,8 @@ void* QOSA_CreateRelTimerM(QOSA_TimerProc proc, u32 mode, u32 line, const char* 
 
 u32 QOSA_StartAbsTimer(void* h, const QOSA_SysTime* when, void* arg) {
     if (when == nullptr || qosa::time::sys_time_valid(when) == 0) return EINVAL;
-    // QOSA_SysTime has the layout of struct tm: copy all eleven fields, then
-    // move month and year to the platform's origin (wildcards stay -1).
-    struct tm pattern {};
-    memcpy_s(&pattern, sizeof pattern, when, sizeof *when);
-    if (pattern.tm_year != -1) pattern.tm_year -= 1900;
-    if (pattern.tm_mon != -1) pattern.tm_mon -= 1;
+    struct tm pattern;
+    qosa::time::to_platform_tm(*when, pattern);
     return qosa::timer::abs_start(h, &pattern, arg);
 }
 

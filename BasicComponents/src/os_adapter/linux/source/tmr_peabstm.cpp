@@ -231,11 +231,8 @@ u32 petimer_stop_abstimer_safe(void* h, QOSA_TimerDoneProc done, void* doneArg) 
 u32 petimer_free_abstimer(void* h) { return qosa::timer::abs_free(h); }
 
 u32 petimer_relAbsIndex(void** slot) {
-    MutexGuard lock(&Abs::lock);
-    // No slot of the array, or free already.
-    if (!lock.locked() || Abs::index.live(slot) == nullptr) return EINVAL;
-    Abs::index.release(slot);
-    return 0;
+    // No slot of the array, or free already: EINVAL.
+    return Abs::with_record(slot, [=](abstimer*) { Abs::index.release(slot); }) ? 0 : EINVAL;
 }
 
 s32 abstmr_post_tasklet(void) { return qosa::timer::abs_drain(); }

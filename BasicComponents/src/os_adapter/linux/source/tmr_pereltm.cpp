@@ -202,11 +202,10 @@ void drop_wheel() {
 namespace qosa::timer {
 
 void reltimer_set_origin(void* h, u32 line, const char* file) {
-    MutexGuard lock(&Rel::lock);
-    if (auto* t = lock.locked() ? static_cast<reltimer*>(Rel::index.live(h)) : nullptr; t != nullptr) {
+    Rel::with_record(h, [=](reltimer* t) {
         __atomic_store_n(&t->line, line, __ATOMIC_RELAXED);
         __atomic_store_n(&t->file, file, __ATOMIC_RELAXED);
-    }
+    });
 }
 
 void reltm_trigger(s64 n) { _reltm_trigger(n); }
@@ -281,8 +280,7 @@ u32 rel_start_simple(u32 intervalMs, QOSA_TimerProc proc, void* arg) {
     if (ret != 0) {
         // Nothing refers to the timer but its slot (unless the teardown of a
         // stop took it already): release it with its count.
-        MutexGuard lock(&Rel::lock);
-        if (auto* t = lock.locked() ? static_cast<reltimer*>(Rel::index.live(h)) : nullptr; t != nullptr) Rel::drop(t);
+        Rel::with_record(h, Rel::drop);
     }
     return ret;
 }

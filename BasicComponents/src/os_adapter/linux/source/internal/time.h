@@ -16,7 +16,8 @@ u64 wall_ms(const timeval& tv);
 u32 run_ms(const timespec& ts);
 // The UTC breakdown of a wall-clock reading; false when it cannot be broken down.
 bool to_time_ex(const timeval& tv, QOSA_TimeEx* out);
-// A date-time record as the platform's struct tm (month and year moved to its origin).
+// A date-time record as the platform's struct tm: every field copied, month and
+// year moved to its origin (a -1 wildcard stays -1).
 void to_platform_tm(const QOSA_SysTime& t, struct tm& out);
 
 // The run-time clock now: milliseconds since boot modulo 2^32, suspend

@@ -132,6 +132,18 @@ struct Kind {
         return nullptr;
     }
 
+    // Runs fn(t) under the index lock for the record t of a handle that
+    // passes the handle test, whether requests are taken or not (the
+    // library's own follow-up to a create or a start); false when none.
+    template <class Fn>
+    static bool with_record(void* h, Fn fn) {
+        Guard g(&lock);
+        auto* t = g.locked() ? static_cast<Record*>(index.live(h)) : nullptr;
+        if (t == nullptr) return false;
+        fn(t);
+        return true;
+    }
+
     static bool has_free_slot() {
         Guard g(&lock);
         return g.locked() && index.head != nullptr;
