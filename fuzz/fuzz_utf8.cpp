@@ -328,6 +328,8 @@ std::string shaped(const std::uint8_t* data, std::size_t size) {
     return s;
 }
 
+// The text in a block of exactly its length + 1, so that any read past the
+// terminator is caught.
 void decode_exact(const std::string& s) {
     std::vector<char> block(s.c_str(), s.c_str() + s.size() + 1);
     decoders(block.data(), s.size());
@@ -336,14 +338,8 @@ void decode_exact(const std::string& s) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    // The text up to the first NUL, in a block of exactly its length + 1 so
-    // that any read past the terminator is caught.
-    std::size_t len = strnlen(reinterpret_cast<const char*>(data), size);
-    char* text = static_cast<char*>(std::malloc(len + 1));
-    std::memcpy(text, data, len);
-    text[len] = '\0';
-    decoders(text, len);
-    std::free(text);
+    const auto* text = reinterpret_cast<const char*>(data);
+    decode_exact(std::string(text, strnlen(text, size))); // up to the first NUL
     decode_exact(shaped(data, size));
 
     encoders(made_units(data, size));

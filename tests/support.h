@@ -60,6 +60,16 @@ void wait_until(Pred pred) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
+// The live tracked blocks whose source file name holds filter (any case; every block for none), by address (0),
+// size (1) or in the order allocated (2).
+inline std::vector<QOSA_MEM_REC_S> tracked_records(const char* filter, int order = 2) {
+    QOSA_MEM_REC_S* recs = nullptr;
+    const u32 n = sysMemSortMemInfo(&recs, const_cast<char*>(filter), order);
+    std::vector<QOSA_MEM_REC_S> out(recs, recs + n);
+    std::free(recs);
+    return out;
+}
+
 // A forked child that ends with _exit writes its coverage counters first (make coverage).
 #ifdef QOSA_COVERAGE
 extern "C" void __gcov_dump(void);

@@ -108,11 +108,9 @@ TEST_F(MemReports, SortOrdersAndFilter) {
     for (u32 s : sizes)
         keep(s, s % 2 ? "src/minikarbo_queue.c" : "/a/b/Other.c");
     auto listed = [](int sortMode, const char* filter = nullptr) {
-        QOSA_MEM_REC_S* recs = nullptr;
         std::vector<u32> out;
-        for (u32 i = 0, n = sysMemSortMemInfo(&recs, const_cast<char*>(filter), sortMode); i < n; ++i)
-            out.push_back(recs[i].ulSize);
-        std::free(recs);
+        for (const QOSA_MEM_REC_S& r : qosa_test::tracked_records(filter, sortMode))
+            out.push_back(r.ulSize);
         return out;
     };
     EXPECT_EQ(listed(1), (std::vector<u32>{1, 2, 20, 64, 333, 700, 5000, 9000}));

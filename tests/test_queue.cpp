@@ -177,12 +177,9 @@ TEST(ORV_QueueStress, FourProducersFourConsumersCapacityEight) {
 // tracking stays on for the rest of the process.
 TEST(ORV_Queue, TrackedEveryMessageHeldIsRecorded) {
     auto blocks = [] { // sizes of the queue unit's live blocks
-        QOSA_MEM_REC_S* recs = nullptr;
-        u32 n = sysMemSortMemInfo(&recs, const_cast<char*>("minikarbo_queue"), 1);
         std::multiset<u32> sizes;
-        for (u32 i = 0; i < n; ++i)
-            sizes.insert(recs[i].ulSize);
-        std::free(recs);
+        for (const QOSA_MEM_REC_S& r : tracked_records("minikarbo_queue"))
+            sizes.insert(r.ulSize);
         return sizes;
     };
     QOSA_MemInitMemMange();

@@ -25,21 +25,13 @@ void fired(void* ctx) {
 void mark_dead(void* ctx) { static_cast<Ctx*>(ctx)->store(1); }
 void* create(u32 mode) { return QOSA_CreateRelTimerM(fired, mode, __LINE__, __FILE__); }
 
-// The live tracked blocks whose source file name contains filter.
-std::vector<QOSA_MEM_REC_S> records(const char* filter) {
-    QOSA_MEM_REC_S* recs = nullptr;
-    const u32 n = sysMemSortMemInfo(&recs, const_cast<char*>(filter), 2);
-    std::vector<QOSA_MEM_REC_S> out(recs, recs + n);
-    std::free(recs);
-    return out;
-}
-
 class TimerTracked : public ::testing::Test {
   protected:
     static void SetUpTestSuite() { QOSA_MemInitMemMange(); }
     void TearDown() override {
         QOSA_StopTimerTask();
-        EXPECT_EQ(records("tmr_").size() + records("timer_tracked").size(), 0u) << "the stop freed everything";
+        EXPECT_EQ(tracked_records("tmr_").size() + tracked_records("timer_tracked").size(), 0u)
+            << "the stop freed everything";
     }
 };
 
@@ -50,7 +42,7 @@ class TimerTracked : public ::testing::Test {
 TEST_F(TimerTracked, InitReltimerGrpBlocksNameTheirCalls) {
     QOSA_RelTimerGrp* g = nullptr;
     ASSERT_EQ(QOSA_InitReltimerGrp(&g, 2, [](u32, u32) {}), 0u);
-    const std::vector<QOSA_MEM_REC_S> recs = records("tmr_group");
+    const std::vector<QOSA_MEM_REC_S> recs = tracked_records("tmr_group");
     ASSERT_EQ(recs.size(), 2u); // the group and its members
     EXPECT_NE(recs[0].ulLine, recs[1].ulLine);
     EXPECT_EQ(QOSA_FreeRelTimerGrp(g), 0u);
