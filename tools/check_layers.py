@@ -12,12 +12,7 @@ With --lib LIB --exports exports.tsv it also fails on every PLT entry of the
 shared library for one of the library's own exported names: the library's
 code calls hidden internal functions, so its calls bind inside it.
 
-Edges listed in an allow file (--allow FILE: one "unit -> unit" a line, `#`
-starts a comment) are left out of both graph tests; they are printed as
-allowed. A line "exported: UNIT..." names units (patterns) whose calls of
-exported names are let pass.
-
-usage: check_layers.py [-v] [--allow FILE] [--nm NM] [--objdump OBJDUMP] [--lib LIB --exports TSV]
+usage: check_layers.py [-v] [--nm NM] [--objdump OBJDUMP] [--lib LIB --exports TSV]
                        DESIGN.md OBJECT...   (-v prints the graph)
 """
 import fnmatch
@@ -90,47 +85,28 @@ def cycles(graph):
     return found
 
 
-def allowed(path):
-    """The allowed edges and the units allowed to call exported names."""
-    edges, units = set(), []
-    for line in open(path, encoding="utf-8"):
-        line = line.split("#", 1)[0].strip()
-        if line.startswith("exported:"):
-            units += line.split(":", 1)[1].split()
-        elif line:
-            a, b = (w.strip() for w in line.split("->"))
-            edges.add((a, b))
-    return edges, units
-
-
-def plt_faults(lib, exports, uses, defined_by, allowed_units):
+def plt_faults(lib, exports, uses, defined_by):
     """PLT entries for exported names, each blamed on the units that call it."""
     names = {row.split("\t")[1] for row in open(exports, encoding="utf-8") if row[:1].isdigit()}
     out = subprocess.run([OBJDUMP, "-d", lib], capture_output=True, text=True, check=True).stdout
     own = sorted(set(re.findall(r"<([^<>@]+)@plt>:", out)) & names)
-    faults, let_pass = [], 0
+    faults = []
     for name in own:
         # Called from the units that refer to it, or else from its own unit.
-        callers = {u for u, used in uses.items() if name in used} or {defined_by.get(name, "?")}
-        bad = sorted(u for u in callers if not any(fnmatch.fnmatchcase(u, p) for p in allowed_units))
-        if bad:
-            faults.append(f"PLT entry for {name}, called by {', '.join(bad)}")
-        else:
-            let_pass += 1
-    print(f"{len(own)} PLT entries for the library's own names, {let_pass} of them from allowed units")
+        callers = sorted({u for u, used in uses.items() if name in used} or {defined_by.get(name, "?")})
+        faults.append(f"PLT entry for {name}, called by {', '.join(callers)}")
+    print(f"{len(own)} PLT entries for the library's own names")
     return faults
 
 
 def main():
     global NM
     global OBJDUMP
-    args, allow, allowed_units, verbose, lib, exports = [], set(), [], False, None, None
+    args, verbose, lib, exports = [], False, None, None
     it = iter(sys.argv[1:])
     for a in it:
         if a == "-v":
             verbose = True
-        elif a == "--allow":
-            allow, allowed_units = allowed(next(it))
         elif a == "--nm":
             NM = next(it)
         elif a == "--objdump":
@@ -151,11 +127,6 @@ def main():
         uses[unit] = used
     graph = {u: {defined_by[n] for n in used if n in defined_by and defined_by[n] != u} for u, used in uses.items()}
     order = layers(design, list(graph))
-    unused = sorted(allow - {(u, v) for u in graph for v in graph[u]})
-    for u, v in sorted(allow):
-        if v in graph.get(u, ()):
-            graph[u].discard(v)
-            print(f"allowed: {u} -> {v}")
     if verbose:
         for u in sorted(graph, key=lambda u: (-order[u], u)):
             print(f"{order[u]} {u} -> {', '.join(sorted(graph[u])) or '-'}")
@@ -163,9 +134,8 @@ def main():
     faults = ["cycle: " + c for c in faults]
     faults += [f"upward: {u} ({order[u]}) -> {v} ({order[v]})" for u in sorted(graph) for v in sorted(graph[u])
                if order[v] > order[u]]
-    faults += [f"allowed edge not in the graph (remove it from the list): {u} -> {v}" for u, v in unused]
     if lib and exports:
-        faults += plt_faults(lib, exports, uses, defined_by, allowed_units)
+        faults += plt_faults(lib, exports, uses, defined_by)
     for f in faults:
         print(f)
     print(f"{len(graph)} units, {sum(len(v) for v in graph.values())} edges, {len(faults)} faults")
